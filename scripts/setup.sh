@@ -1,0 +1,46 @@
+#!/usr/bin/env bash
+# Installs what the project needs on a fresh Debian machine, builds the
+# library, makes the model fixtures, then runs the main job: the command-line
+# host generating text with the default model. Safe to run again.
+#   scripts/setup.sh [--no-run] [PROMPT...]
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+run=1
+if [[ "${1:-}" == "--no-run" ]]; then run=0; shift; fi
+
+as_root() { if [[ $(id -u) -eq 0 ]]; then "$@"; else sudo "$@"; fi; }
+
+missing=()
+for package in g++ libgtest-dev ninja-build cmake binutils; do
+  dpkg -s "$package" >/dev/null 2>&1 || missing+=("$package")
+done
+if ((${#missing[@]})); then
+  echo "== installing ${missing[*]}"
+  as_root apt-get update -qq
+  as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "${missing[@]}" >/dev/null
+fi
+
+# The library embeds this interpreter, so it must be a shared-library build.
+python=${PYTHON:-python3.11}
+if [[ ! -x .venv/bin/python ]]; then
+  echo "== creating .venv with $python"
+  "$python" -m venv .venv
+fi
+if ! cmp -s requirements.txt .venv/.requirements; then
+  echo "== installing Python packages"
+  .venv/bin/pip install -q --disable-pip-version-check -r requirements.txt
+  cp requirements.txt .venv/.requirements
+fi
+
+echo "== building"
+cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVELMORA_BUILD_TESTS=ON >/dev/null
+cmake --build build
+
+echo "== model fixtures"
+.venv/bin/python tools/make_llm_fixtures.py models
+
+if ((run)); then
+  echo "== main job: build/tools/velmora-host --model models/smollm2"
+  build/tools/velmora-host --model models/smollm2 "$@"
+fi

@@ -1,0 +1,58 @@
+/* A plain C host: loads the library, checks the tables' shape and the
+ * release and null-handle rules that need no model. */
+#include <dlfcn.h>
+#include <stdio.h>
+#include <string.h>
+
+#include "openvino_bindings.h"
+
+static int errors;
+static char lastError[256];
+
+static void OnLog(const char* message) { (void)message; }
+static void OnError(const char* message) {
+    ++errors;
+    snprintf(lastError, sizeof lastError, "%s", message);
+}
+
+#define EXPECT(cond)                                            \
+    do {                                                        \
+        if (!(cond)) {                                          \
+            fprintf(stderr, "%s:%d: %s\n", __FILE__, __LINE__, #cond); \
+            return 1;                                           \
+        }                                                       \
+    } while (0)
+
+int main(int argc, char** argv) {
+    void* lib;
+    const LlmApiBase* (*getLlm)(void);
+    const WhisperApiBase* (*getWhisper)(void);
+    const LlmApiBase* llm;
+    const WhisperApiBase* whisper;
+    HostCallbacks callbacks = {OnLog, OnError};
+    void* handle = (void*)&errors;
+
+    EXPECT(argc == 2);
+    lib = dlopen(argv[1], RTLD_NOW | RTLD_LOCAL);
+    EXPECT(lib != NULL);
+    *(void**)&getLlm = dlsym(lib, "GetLlmApiBase");
+    *(void**)&getWhisper = dlsym(lib, "GetWhisperApiBase");
+    EXPECT(getLlm != NULL && getWhisper != NULL);
+    llm = getLlm();
+    whisper = getWhisper();
+    EXPECT(sizeof(LlmApiBase) == 18 * sizeof(void*) && sizeof(WhisperApiBase) == 17 * sizeof(void*));
+    EXPECT(sizeof(LangIdPair) == 16 && sizeof(HostCallbacks) == 2 * sizeof(void*));
+
+    /* A failing init stores the pair, and the failure reaches it. */
+    EXPECT(llm->InitModel("/nonexistent", DEVICE_CPU, 16, &handle, &callbacks) == 1);
+    EXPECT(handle == (void*)&errors);
+    EXPECT(errors == 1 && strcmp(lastError, "The provided model path is not a directory") == 0);
+
+    EXPECT(llm->QueryModel(NULL, "x", NULL) == 1);
+    EXPECT(errors == 2 && strcmp(lastError, "Model handle is null when querying model") == 0);
+    EXPECT(llm->DestroyModel(NULL) == 0 && llm->FreeStopStrings(NULL, 0) == 0);
+    EXPECT(llm->FreeQueryResult(NULL) == 0 && whisper->FreeLangToId(NULL) == 0);
+    EXPECT(errors == 2);
+    puts("c_host: ok");
+    return 0;
+}

@@ -1,0 +1,87 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "harness.h"
+
+namespace fs = std::filesystem;
+using host::Callbacks;
+using host::InboxOf;
+using host::Llm;
+using host::Pair;
+
+namespace {
+
+// Runs a failing LLM init through pair A; returns its one error message.
+std::string InitError(const fs::path& dir, int device, int contextLength) {
+    host::ClearInboxes();
+    void* sentinel = reinterpret_cast<void*>(0x5eed);
+    void* handle = sentinel;
+    EXPECT_EQ(Llm().InitModel(dir.c_str(), device, contextLength, &handle, &Callbacks(Pair::A)), 1);
+    EXPECT_EQ(handle, sentinel) << "the out-handle is written only on success";
+    const host::Inbox& inbox = InboxOf(Pair::A);
+    EXPECT_EQ(inbox.logs, std::vector<std::string>{"Initializing OpenVINO LLM model..."});
+    EXPECT_EQ(inbox.errors.size(), 1u);
+    return inbox.errors.empty() ? "" : inbox.errors.front();
+}
+
+}  // namespace
+
+TEST(LlmInit, ReportsTheFirstFailingCheckInOrder) {
+    host::TempDir dir;
+    dir.Touch("file.txt");
+    const fs::path model = host::ModelDir("tiny-llm");
+    EXPECT_EQ(InitError(dir.path() / "missing", 7, 0), "The context length must be greater than 0");
+    EXPECT_EQ(InitError(model, 0, -3), "The context length must be greater than 0");
+    EXPECT_EQ(InitError(dir.path() / "missing", 0, 16), "The provided model path is not a directory");
+    EXPECT_EQ(InitError(dir.path() / "file.txt", 0, 16), "The provided model path is not a directory");
+    // Properties are built before the device is named.
+    EXPECT_EQ(InitError(model, 7, 16), "7device type is not supported");
+    EXPECT_EQ(InitError(model, -1, 16), "-1device type is not supported");
+    EXPECT_EQ(InitError(dir.path(), 2, 16), "The provided cache dreictory does not contain an expected blob file");
+}
+
+TEST(LlmInit, NpuWithABlobBelowPassesTheChecksAndReachesTheRuntime) {
+    host::TempDir dir;
+    dir.Touch("nested/deeper/model.blob");
+    const std::string message = InitError(dir.path(), 2, 16);
+    EXPECT_NE(message.find("NPU"), std::string::npos) << message;
+    EXPECT_EQ(message.find("blob"), std::string::npos) << message;
+}
+
+TEST(LlmInit, RefusesMissingCallbacksWithoutCrashing) {
+    const fs::path model = host::ModelDir("tiny-llm");
+    void* handle = nullptr;
+    EXPECT_EQ(Llm().InitModel(model.c_str(), 0, 16, &handle, nullptr), 1);
+    const HostCallbacks noError = {Callbacks(Pair::A).log, nullptr};
+    EXPECT_EQ(Llm().InitModel(model.c_str(), 0, 16, &handle, &noError), 1);
+    EXPECT_EQ(handle, nullptr);
+    // A missing log function is skipped; the model still loads.
+    host::ClearInboxes();
+    const HostCallbacks noLog = {nullptr, Callbacks(Pair::A).error};
+    ASSERT_EQ(Llm().InitModel(model.c_str(), 0, 16, &handle, &noLog), 0);
+    EXPECT_NE(handle, nullptr);
+    EXPECT_TRUE(InboxOf(Pair::A).logs.empty());
+    EXPECT_EQ(Llm().DestroyModel(handle), 0);
+}
+
+TEST(LlmInit, ALaterInitRedirectsEveryHandleOfItsFamilyOnly) {
+    const fs::path model = host::ModelDir("tiny-llm");
+    void* whisperHandle = nullptr;
+    host::Whisper().InitModel("", 9, &whisperHandle, &Callbacks(Pair::A));
+
+    void* handle = nullptr;
+    ASSERT_EQ(Llm().InitModel(model.c_str(), 0, 16, &handle, &Callbacks(Pair::A)), 0);
+    // The second init fails, but its pair is already in place for its own report.
+    host::ClearInboxes();
+    void* other = nullptr;
+    EXPECT_EQ(Llm().InitModel("", 0, 0, &other, &Callbacks(Pair::B)), 1);
+    EXPECT_EQ(InboxOf(Pair::B).errors, std::vector<std::string>{"The context length must be greater than 0"});
+
+    EXPECT_EQ(Llm().QueryModel(nullptr, "x", nullptr), 1);
+    EXPECT_EQ(host::Whisper().CancelModel(nullptr), 1);
+    EXPECT_EQ(InboxOf(Pair::B).errors.back(), "Model handle is null when querying model");
+    EXPECT_EQ(InboxOf(Pair::A).errors, std::vector<std::string>{"Model handle is null when canceling"});
+    EXPECT_EQ(Llm().DestroyModel(handle), 0);
+}

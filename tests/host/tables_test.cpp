@@ -1,0 +1,93 @@
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string>
+
+#include "harness.h"
+
+using host::Llm;
+using host::Whisper;
+
+TEST(Tables, AreStaticAndShareTheReleaseFunctions) {
+    EXPECT_EQ(&Llm(), &Llm());
+    EXPECT_EQ(&Whisper(), &Whisper());
+    // Hosts may hand any Text to any FreeString slot and any block to any FreeBuffer slot.
+    EXPECT_EQ(Llm().FreeQueryResult, Llm().FreeConfigProperty);
+    EXPECT_EQ(Llm().FreeQueryResult, Whisper().FreeQueryResult);
+    EXPECT_EQ(Whisper().FreeQueryResult, Whisper().FreeConfigProperty);
+    EXPECT_EQ((void*)Llm().FreeStopTokens, (void*)Whisper().FreeLangToId);
+    EXPECT_EQ(Whisper().FreeLangToId, Whisper().FreeBeginSuppressTokens);
+    EXPECT_EQ(Whisper().FreeLangToId, Whisper().FreeSuppressTokens);
+    EXPECT_NE((void*)Llm().FreeTokens, (void*)Llm().FreeStopTokens);
+}
+
+TEST(Tables, ReleaseSlotsAcceptNothingToRelease) {
+    host::ClearInboxes();
+    EXPECT_EQ(Llm().FreeQueryResult(nullptr), 0);
+    EXPECT_EQ(Llm().FreeStopTokens(nullptr), 0);
+    EXPECT_EQ(Llm().FreeTokens(nullptr), 0);
+    EXPECT_EQ(Whisper().FreeLangToId(nullptr), 0);
+    // A zero count releases nothing, whatever the pointer is.
+    char* notAnArray = reinterpret_cast<char*>(0x1);
+    EXPECT_EQ(Llm().FreeStopStrings(&notAnArray, 0), 0);
+    EXPECT_EQ(Llm().DestroyModel(nullptr), 0);
+    EXPECT_EQ(Whisper().DestroyModel(nullptr), 0);
+    EXPECT_TRUE(host::InboxOf(host::Pair::A).errors.empty());
+}
+
+TEST(Tables, EverySlotWithAHandleRefusesANullOneWithItsOwnMessage) {
+    // Both families report through pair A; the failed inits only store it.
+    void* handle = nullptr;
+    Llm().InitModel("", 0, 0, &handle, &host::Callbacks(host::Pair::A));
+    Whisper().InitModel("", 9, &handle, &host::Callbacks(host::Pair::A));
+
+    char* text = nullptr;
+    char** strings = nullptr;
+    int64_t* ids = nullptr;
+    LangIdPair* pairs = nullptr;
+    size_t count = 7;
+    float sample = 0;
+    const struct {
+        std::function<int32_t()> call;
+        const char* message;
+    } cases[] = {
+        {[&] { return Llm().QueryModel(nullptr, "p", &text); }, "Model handle is null when querying model"},
+        {[&] { return Llm().StreamModel(nullptr, (char*)"p", [](char*) { return 0; }); },
+         "Model handle is null when streaming model"},
+        {[&] { return Llm().SetConfigProperty(nullptr, "top_k", "1"); },
+         "Model handle is null when setting config property"},
+        {[&] { return Llm().GetConfigProperty(nullptr, "top_k", &text); },
+         "Model handle is null when getting config property"},
+        {[&] { return Llm().SetStopStrings(nullptr, nullptr, 0); }, "Model handle is null when setting stop strings"},
+        {[&] { return Llm().GetStopStrings(nullptr, &strings, &count); },
+         "Model handle is null when getting stop strings"},
+        {[&] { return Llm().SetStopTokens(nullptr, nullptr, 0); }, "Model handle is null when setting stop tokens"},
+        {[&] { return Llm().GetStopTokens(nullptr, &ids, &count); }, "Model handle is null when getting stop tokens"},
+        {[&] { return Llm().Tokenize(nullptr, "t", &ids, &count); }, "Model handle is null when tokenizing"},
+        {[&] { return Llm().CancelModel(nullptr); }, "Model handle is null when canceling"},
+        {[&] { return Whisper().QueryModel(nullptr, &sample, 1, &text); }, "Model handle is null when querying model"},
+        {[&] { return Whisper().SetConfigProperty(nullptr, "task", "x"); },
+         "Model handle is null when setting config property"},
+        {[&] { return Whisper().GetConfigProperty(nullptr, "task", &text); },
+         "Model handle is null when getting config property"},
+        {[&] { return Whisper().GetLangToId(nullptr, &pairs, &count); }, "Model handle is null when getting lang_to_id"},
+        {[&] { return Whisper().SetLangToId(nullptr, nullptr, 0); }, "Model handle is null when setting lang_to_id"},
+        {[&] { return Whisper().GetBeginSuppressTokens(nullptr, &ids, &count); },
+         "Model handle is null when getting begin_suppress_tokens"},
+        {[&] { return Whisper().SetBeginSuppressTokens(nullptr, nullptr, 0); },
+         "Model handle is null when setting begin_suppress_tokens"},
+        {[&] { return Whisper().GetSuppressTokens(nullptr, &ids, &count); },
+         "Model handle is null when getting suppress_tokens"},
+        {[&] { return Whisper().SetSuppressTokens(nullptr, nullptr, 0); },
+         "Model handle is null when setting suppress_tokens"},
+        {[&] { return Whisper().CancelModel(nullptr); }, "Model handle is null when canceling"},
+    };
+    for (const auto& c : cases) {
+        host::ClearInboxes();
+        EXPECT_EQ(c.call(), 1) << c.message;
+        EXPECT_EQ(host::InboxOf(host::Pair::A).errors, std::vector<std::string>{c.message});
+    }
+    EXPECT_EQ(text, nullptr);
+    EXPECT_EQ(ids, nullptr);
+    EXPECT_EQ(count, 7u);
+}
