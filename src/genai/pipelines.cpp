@@ -112,7 +112,9 @@ WhisperDecodedResults WhisperPipeline::generate(const std::vector<float>& raw_sp
                                                 const std::optional<WhisperGenerationConfig>& generation_config,
                                                 const StreamerVariant& streamer) {
     return WithRuntime([&] {
-        py::array_t<float> samples(static_cast<py::ssize_t>(raw_speech.size()), raw_speech.data());
+        // A view of the caller's samples, not a copy: the runtime reads them during this call only.
+        py::array_t<float> samples(static_cast<py::ssize_t>(raw_speech.size()), raw_speech.data(),
+                                   py::capsule(raw_speech.data(), [](void*) {}));
         py::object config = generation_config ? ToRuntime(*generation_config) : py::none();
         py::object results = RunGenerate(object_->get(), samples, config, streamer);
         return WhisperDecodedResults{Texts(results), Scores(results)};

@@ -1,6 +1,7 @@
 #include "harness.h"
 
 #include <dlfcn.h>
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -87,6 +88,32 @@ fs::path ModelVariant(const TempDir& dir, const std::string& model, const std::s
             << source / "generation_config.json" << " '" << json << "' " << target / "generation_config.json";
     if (std::system(command.str().c_str()) != 0) throw std::runtime_error("could not write " + target.string());
     return target;
+}
+
+LlmModel::LlmModel(const fs::path& dir, int contextLength) {
+    ClearInboxes();
+    EXPECT_EQ(Llm().InitModel(dir.c_str(), DEVICE_CPU, contextLength, &handle_, &Callbacks(Pair::A)), 0)
+        << (InboxOf(Pair::A).errors.empty() ? "" : InboxOf(Pair::A).errors.back());
+}
+
+LlmModel::~LlmModel() { Llm().DestroyModel(handle_); }
+
+int32_t LlmModel::Query(const char* prompt, std::string& result) {
+    ClearInboxes();
+    char* const untouched = reinterpret_cast<char*>(0x1);
+    char* text = untouched;
+    const int32_t status = Llm().QueryModel(handle_, prompt, &text);
+    const std::vector<std::string>& errors = InboxOf(Pair::A).errors;
+    if (status == 0) {
+        result = text;
+        Llm().FreeQueryResult(text);
+        EXPECT_TRUE(errors.empty());
+    } else {
+        EXPECT_EQ(text, untouched) << "the out-parameter is written only on success";
+        EXPECT_EQ(errors.size(), 1u);
+        result = errors.empty() ? "" : errors.front();
+    }
+    return status;
 }
 
 }  // namespace host

@@ -42,4 +42,21 @@ private:
 // generation_config.json gets `json` merged over it.
 std::filesystem::path ModelVariant(const TempDir& dir, const std::string& model, const std::string& json);
 
+// An LLM handle on the CPU that reports through pair A, destroyed with the object.
+class LlmModel {
+public:
+    LlmModel(const std::filesystem::path& dir, int contextLength);
+    ~LlmModel();
+    LlmModel(const LlmModel&) = delete;
+    LlmModel& operator=(const LlmModel&) = delete;
+    void* handle() const { return handle_; }
+
+    // QueryModel's status; `result` gets the text (already released) or the
+    // one error message. Checks that a failure writes no out-parameter.
+    int32_t Query(const char* prompt, std::string& result);
+
+private:
+    void* handle_ = nullptr;
+};
+
 }  // namespace host

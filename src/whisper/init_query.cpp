@@ -1,0 +1,53 @@
+// InitModel, DestroyModel, QueryModel and CancelModel of the Whisper table.
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "api/buffers.h"
+#include "api/init.h"
+#include "api/reporting.h"
+#include "openvino_whisper_model.h"
+#include "whisper_slots.h"
+
+namespace velmora::whisper {
+
+int32_t InitModel(const char* modelPath, DeviceType device, void** outHandle, const HostCallbacks* callbacks) {
+    return InitHandle(Family::Whisper, callbacks, "Initializing OpenVINO Whisper model...", outHandle,
+                      [&] { return std::make_unique<OpenVinoWhisperModel>(std::string(modelPath), device); });
+}
+
+int32_t DestroyModel(void* handle) {
+    delete static_cast<OpenVinoWhisperModel*>(handle);
+    return 0;
+}
+
+namespace {
+
+// The samples as the runtime takes them. A count of 0 never reads `samples`.
+std::vector<float> Samples(const float* samples, int32_t sampleCount) {
+    if (sampleCount < 0) throw std::length_error("vector too long");
+    if (sampleCount == 0) return {};
+    return std::vector<float>(samples, samples + sampleCount);
+}
+
+}  // namespace
+
+int32_t QueryModel(void* handle, const float* samples, int32_t sampleCount, char** outText) {
+    return RunSlot(Family::Whisper, handle, "Model handle is null when querying model", "", [&] {
+        auto* model = static_cast<OpenVinoWhisperModel*>(handle);
+        Stage([&] { model->config.validate(); }, {1, "Failed to validate config: "}, {1, ""});
+        const std::vector<std::string> texts = model->query(Samples(samples, sampleCount), model->config);
+        // A transcription that yields no text at all reads as the empty text.
+        *outText = NewText(texts.empty() ? std::string() : texts.front());
+        return 0;
+    });
+}
+
+int32_t CancelModel(void* handle) {
+    return RunSlot(Family::Whisper, handle, "Model handle is null when canceling", "", [&] {
+        static_cast<OpenVinoWhisperModel*>(handle)->cancelRequested.store(true, std::memory_order_relaxed);
+        return 0;
+    });
+}
+
+}  // namespace velmora::whisper
