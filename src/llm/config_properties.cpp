@@ -1,20 +1,27 @@
 // SetConfigProperty and GetConfigProperty of the LLM table.
-// Not available in this build yet: each reports that plainly and fails.
-#include "api/pending.h"
+#include "pipeline/config_properties.h"
+
+#include <string>
+
+#include "api/buffers.h"
+#include "api/reporting.h"
 #include "llm_slots.h"
+#include "openvino_llm_model.h"
 
 namespace velmora::llm {
-namespace {
-int32_t Pending(void* handle, const char* nullMessage, const char* slot) {
-    return ReportPending(Family::Llm, handle, nullMessage, slot);
-}
-}  // namespace
 
-int32_t SetConfigProperty(void* handle, const char*, const char*) {
-    return Pending(handle, "Model handle is null when setting config property", "SetConfigProperty");
+// Nothing is validated here: the next generation validates what was stored.
+int32_t SetConfigProperty(void* handle, const char* name, const char* value) {
+    return RunSlot(Family::Llm, handle, "Model handle is null when setting config property", "", [&] {
+        return SetPropertyByName(LlmPropertyTable(), static_cast<OpenVinoLlmModel*>(handle)->config, name, value);
+    });
 }
-int32_t GetConfigProperty(void* handle, const char*, char**) {
-    return Pending(handle, "Model handle is null when getting config property", "GetConfigProperty");
+
+int32_t GetConfigProperty(void* handle, const char* name, char** outValue) {
+    return RunSlot(Family::Llm, handle, "Model handle is null when getting config property", "", [&] {
+        return GetPropertyByName(LlmPropertyTable(), static_cast<const OpenVinoLlmModel*>(handle)->config, name,
+                                 [&](const std::string& text) { *outValue = NewText(text); });
+    });
 }
 
 }  // namespace velmora::llm

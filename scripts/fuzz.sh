@@ -1,0 +1,39 @@
+#!/usr/bin/env bash
+# Builds the libFuzzer targets with clang into build-fuzz and runs each for the
+# given number of seconds (default 600), then prints how many inputs it ran.
+#   scripts/fuzz.sh [seconds]
+set -euo pipefail
+cd "$(dirname "$0")/.."
+seconds=${1:-600}
+
+if ! command -v clang++ >/dev/null; then
+  echo "clang++ is missing: apt-get install clang" >&2
+  exit 1
+fi
+
+cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+  -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
+  -DVELMORA_BUILD_TESTS=ON -DVELMORA_BUILD_FUZZERS=ON >/dev/null
+fuzzers=(value_text_fuzzer)
+cmake --build build-fuzz --target "${fuzzers[@]}"
+
+status=0
+for fuzzer in "${fuzzers[@]}"; do
+  corpus=build-fuzz/corpus/$fuzzer
+  artifacts=build-fuzz/artifacts/$fuzzer/
+  log=build-fuzz/$fuzzer.log
+  mkdir -p "$corpus" "$artifacts"
+  options=(-max_total_time="$seconds" -artifact_prefix="$artifacts" -print_final_stats=1)
+  if [[ -f tests/fuzz/$fuzzer.dict ]]; then options+=(-dict="tests/fuzz/$fuzzer.dict"); fi
+  echo "== $fuzzer for ${seconds}s (log: $log)"
+  if build-fuzz/tests/fuzz/$fuzzer "$corpus" "${options[@]}" >"$log" 2>&1; then
+    result="no findings"
+  else
+    result="FINDING: see $log and $artifacts"
+    status=1
+  fi
+  runs=$(grep -o 'stat::number_of_executed_units: *[0-9]*' "$log" | grep -o '[0-9]*$' || true)
+  if [[ -z "$runs" ]]; then runs=$(grep -o 'Done [0-9]* runs' "$log" | grep -o '[0-9]*' || echo "?"); fi
+  echo "$fuzzer: ${runs} executions in ${seconds}s, $result"
+done
+exit $status
