@@ -1,0 +1,28 @@
+// SetConfigProperty and GetConfigProperty of the Whisper table.
+#include "pipeline/config_properties.h"
+
+#include <string>
+
+#include "api/buffers.h"
+#include "api/reporting.h"
+#include "openvino_whisper_model.h"
+#include "whisper_slots.h"
+
+namespace velmora::whisper {
+
+// Nothing is validated here: the next transcription validates what was stored.
+int32_t SetConfigProperty(void* handle, const char* name, const char* value) {
+    return RunSlot(Family::Whisper, handle, "Model handle is null when setting config property", "", [&] {
+        return SetPropertyByName(WhisperPropertyTable(), static_cast<OpenVinoWhisperModel*>(handle)->config, name,
+                                 value);
+    });
+}
+
+int32_t GetConfigProperty(void* handle, const char* name, char** outValue) {
+    return RunSlot(Family::Whisper, handle, "Model handle is null when getting config property", "", [&] {
+        return GetPropertyByName(WhisperPropertyTable(), static_cast<const OpenVinoWhisperModel*>(handle)->config,
+                                 name, [&](const std::string& text) { *outValue = NewText(text); });
+    });
+}
+
+}  // namespace velmora::whisper
