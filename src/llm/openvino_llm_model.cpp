@@ -27,4 +27,21 @@ std::vector<std::string> OpenVinoLlmModel::query(const std::vector<std::string>&
     return pipeline->generate(prompts, settings, cancelled).texts;
 }
 
+void OpenVinoLlmModel::stream(std::vector<std::string> inputs, genai::GenerationConfig settings,
+                              std::function<bool(std::string)> streamer) {
+    cancelRequested.store(false, std::memory_order_relaxed);
+    // Once a cancel is seen, no further piece reaches the host.
+    std::function<bool(std::string)> cancelAware = [streamer, this](std::string piece) {
+        if (cancelRequested.load(std::memory_order_relaxed)) return true;
+        return streamer(std::move(piece));
+    };
+    pipeline->generate(genai::StringInputs(std::move(inputs)), std::move(settings), cancelAware);
+}
+
+std::vector<int64_t> OpenVinoLlmModel::tokenize(std::string text) {
+    genai::TokenizedInputs tokens = pipeline->get_tokenizer().encode({std::move(text)}, ov::AnyMap{});
+    const int64_t* ids = tokens.input_ids.data<int64_t>();
+    return std::vector<int64_t>(ids, ids + tokens.input_ids.get_size());
+}
+
 }  // namespace velmora

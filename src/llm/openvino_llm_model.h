@@ -18,6 +18,9 @@ public:
     OpenVinoLlmModel(std::string modelPath, int32_t deviceType, int32_t contextLength);
 
     std::vector<std::string> query(const std::vector<std::string>& prompts, const genai::GenerationConfig& settings);
+    void stream(std::vector<std::string> inputs, genai::GenerationConfig settings,
+                std::function<bool(std::string)> streamer);
+    std::vector<int64_t> tokenize(std::string text);
 
     std::unique_ptr<genai::LLMPipeline> pipeline;
     genai::GenerationConfig config;

@@ -1,26 +1,69 @@
 // The stop-string and stop-token slots of the LLM table.
-// Not available in this build yet: each reports that plainly and fails.
-#include "api/pending.h"
+#include <memory>
+#include <set>
+#include <string>
+
+#include "api/buffers.h"
+#include "api/reporting.h"
 #include "llm_slots.h"
+#include "openvino_llm_model.h"
 
 namespace velmora::llm {
 namespace {
-int32_t Pending(void* handle, const char* nullMessage, const char* slot) {
-    return ReportPending(Family::Llm, handle, nullMessage, slot);
-}
+
+genai::GenerationConfig& ConfigOf(void* handle) { return static_cast<OpenVinoLlmModel*>(handle)->config; }
+
+// Releases a partly built string array when building it fails.
+struct StringArray {
+    char** strings;
+    size_t count;
+    ~StringArray() {
+        if (strings != nullptr) FreeStringArray(strings, count);
+    }
+};
+
 }  // namespace
 
-int32_t SetStopStrings(void* handle, const char**, size_t) {
-    return Pending(handle, "Model handle is null when setting stop strings", "SetStopStrings");
+int32_t SetStopStrings(void* handle, const char** strings, size_t count) {
+    return RunSlot(Family::Llm, handle, "Model handle is null when setting stop strings", "", [&] {
+        std::set<std::string>& stops = ConfigOf(handle).stop_strings;
+        stops.clear();
+        for (size_t i = 0; i < count; ++i) stops.insert(std::string(strings[i]));
+        return 0;
+    });
 }
-int32_t GetStopStrings(void* handle, char***, size_t*) {
-    return Pending(handle, "Model handle is null when getting stop strings", "GetStopStrings");
+
+int32_t GetStopStrings(void* handle, char*** outStrings, size_t* outCount) {
+    return RunSlot(Family::Llm, handle, "Model handle is null when getting stop strings", "", [&] {
+        const std::set<std::string>& stops = ConfigOf(handle).stop_strings;
+        if (!stops.empty()) {
+            StringArray copy{new char*[stops.size()](), stops.size()};
+            size_t i = 0;
+            for (const std::string& stop : stops) copy.strings[i++] = NewText(stop);
+            *outStrings = copy.strings;
+            copy.strings = nullptr;
+        }
+        *outCount = stops.size();
+        return 0;
+    });
 }
-int32_t SetStopTokens(void* handle, const int64_t*, size_t) {
-    return Pending(handle, "Model handle is null when setting stop tokens", "SetStopTokens");
+
+int32_t SetStopTokens(void* handle, const int64_t* ids, size_t count) {
+    return RunSlot(Family::Llm, handle, "Model handle is null when setting stop tokens", "", [&] {
+        std::set<int64_t>& stops = ConfigOf(handle).stop_token_ids;
+        stops.clear();
+        for (size_t i = 0; i < count; ++i) stops.insert(ids[i]);
+        return 0;
+    });
 }
-int32_t GetStopTokens(void* handle, int64_t**, size_t*) {
-    return Pending(handle, "Model handle is null when getting stop tokens", "GetStopTokens");
+
+int32_t GetStopTokens(void* handle, int64_t** outIds, size_t* outCount) {
+    return RunSlot(Family::Llm, handle, "Model handle is null when getting stop tokens", "", [&] {
+        const std::set<int64_t>& stops = ConfigOf(handle).stop_token_ids;
+        if (!stops.empty()) *outIds = NewTokenArray(stops);
+        *outCount = stops.size();
+        return 0;
+    });
 }
 
 }  // namespace velmora::llm

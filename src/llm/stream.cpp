@@ -1,18 +1,45 @@
 // StreamModel and CancelModel of the LLM table.
-// Not available in this build yet: each reports that plainly and fails.
-#include "api/pending.h"
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "api/reporting.h"
 #include "llm_slots.h"
+#include "openvino_llm_model.h"
 
 namespace velmora::llm {
 namespace {
-int32_t Pending(void* handle, const char* nullMessage, const char* slot) {
-    return ReportPending(Family::Llm, handle, nullMessage, slot);
+
+// Hands each piece to the host as its own NUL-terminated copy; a piece with
+// an embedded NUL arrives cut there. True (stop) when the host says so.
+std::function<bool(std::string)> HostStreamer(TextCallback onText) {
+    return [onText](std::string piece) {
+        std::unique_ptr<char[]> text(new char[piece.size() + 1]());
+        std::memcpy(text.get(), piece.c_str(), piece.size() + 1);
+        return onText(text.get()) != 0;
+    };
 }
+
 }  // namespace
 
-int32_t StreamModel(void* handle, char*, TextCallback) {
-    return Pending(handle, "Model handle is null when streaming model", "StreamModel");
+int32_t StreamModel(void* handle, char* prompt, TextCallback onText) {
+    return RunSlot(Family::Llm, handle, "Model handle is null when streaming model", "", [&] {
+        auto* model = static_cast<OpenVinoLlmModel*>(handle);
+        std::function<bool(std::string)> streamer = HostStreamer(onText);
+        Stage([&] { model->config.validate(); }, {1, "Failed to validate config: "}, {1, ""});
+        model->stream({std::string(prompt)}, model->config, streamer);
+        return 0;
+    });
 }
-int32_t CancelModel(void* handle) { return Pending(handle, "Model handle is null when canceling", "CancelModel"); }
+
+// Only an atomic store: no lock, no allocation, safe from any thread.
+int32_t CancelModel(void* handle) {
+    return RunSlot(Family::Llm, handle, "Model handle is null when canceling", "", [&] {
+        static_cast<OpenVinoLlmModel*>(handle)->cancelRequested.store(true, std::memory_order_relaxed);
+        return 0;
+    });
+}
 
 }  // namespace velmora::llm

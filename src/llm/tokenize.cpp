@@ -1,17 +1,22 @@
 // Tokenize of the LLM table.
-// Not available in this build yet: each reports that plainly and fails.
-#include "api/pending.h"
+#include <string>
+#include <vector>
+
+#include "api/buffers.h"
+#include "api/reporting.h"
 #include "llm_slots.h"
+#include "openvino_llm_model.h"
 
 namespace velmora::llm {
-namespace {
-int32_t Pending(void* handle, const char* nullMessage, const char* slot) {
-    return ReportPending(Family::Llm, handle, nullMessage, slot);
-}
-}  // namespace
 
-int32_t Tokenize(void* handle, const char*, int64_t**, size_t*) {
-    return Pending(handle, "Model handle is null when tokenizing", "Tokenize");
+// The array is allocated even for zero ids, so the host always has a pointer to release.
+int32_t Tokenize(void* handle, const char* text, int64_t** outIds, size_t* outCount) {
+    return RunSlot(Family::Llm, handle, "Model handle is null when tokenizing", "", [&] {
+        const std::vector<int64_t> ids = static_cast<OpenVinoLlmModel*>(handle)->tokenize(std::string(text));
+        *outIds = NewTokenArray(ids);
+        *outCount = ids.size();
+        return 0;
+    });
 }
 
 }  // namespace velmora::llm
