@@ -12,7 +12,7 @@ if [[ "${1:-}" == "--no-run" ]]; then run=0; shift; fi
 as_root() { if [[ $(id -u) -eq 0 ]]; then "$@"; else sudo "$@"; fi; }
 
 missing=()
-for package in g++ libgtest-dev ninja-build cmake binutils; do
+for package in $(sed 's/#.*//' scripts/apt-packages.txt); do
   dpkg -s "$package" >/dev/null 2>&1 || missing+=("$package")
 done
 if ((${#missing[@]})); then
@@ -34,12 +34,25 @@ if ! cat requirements.txt requirements-models.txt | cmp -s - .venv/.requirements
   cat requirements.txt requirements-models.txt > .venv/.requirements
 fi
 
+# The Whisper model scripts need PyTorch and the exporters: a venv of their own,
+# so the runtime venv the library embeds stays small.
+export_requirements=(tools/requirements-export.txt tools/requirements-export-data.txt)
+if ! cat "${export_requirements[@]}" | cmp -s - .venv-export/.requirements; then
+  echo "== installing the model export tools (.venv-export)"
+  [[ -x .venv-export/bin/python ]] || "$python" -m venv .venv-export
+  .venv-export/bin/pip install -q --disable-pip-version-check -r tools/requirements-export.txt
+  .venv-export/bin/pip install -q --disable-pip-version-check --no-deps -r tools/requirements-export-data.txt
+  cat "${export_requirements[@]}" > .venv-export/.requirements
+fi
+
 echo "== building"
 cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVELMORA_BUILD_TESTS=ON >/dev/null
 cmake --build build
 
 echo "== model fixtures"
 .venv/bin/python tools/make_llm_fixtures.py models
+.venv-export/bin/python tools/make_whisper_fixture.py models
+.venv-export/bin/python tools/make_whisper_base.py models
 
 if ((run)); then
   echo "== main job: build/tools/velmora-host --model models/smollm2"
