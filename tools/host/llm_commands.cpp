@@ -43,10 +43,18 @@ bool ApplyLlmOptions(const LlmApiBase& api, void* handle, const Options& options
         for (const std::string& s : options.stopStrings) strings.push_back(s.c_str());
         if (api.SetStopStrings(handle, strings.data(), strings.size()) != 0) return false;
     }
-    if (!options.stopIds.empty() &&
-        api.SetStopTokens(handle, options.stopIds.data(), options.stopIds.size()) != 0)
-        return false;
-    return true;
+    if (options.stopIds.empty()) return true;
+    // --stop-id adds to the model's own stop ids, which hold its end-of-text id
+    // that the runtime insists on.
+    std::vector<int64_t> ids = options.stopIds;
+    int64_t* own = nullptr;
+    size_t count = 0;
+    if (api.GetStopTokens(handle, &own, &count) != 0) return false;
+    if (count != 0) {
+        ids.insert(ids.end(), own, own + count);
+        api.FreeStopTokens(own);
+    }
+    return api.SetStopTokens(handle, ids.data(), ids.size()) == 0;
 }
 
 std::string JoinWords(const std::vector<std::string>& words) {
@@ -88,7 +96,9 @@ int RunGenerate(const Options& options, Library& library) {
     std::fflush(stdout);
     if (options.stats) Progress::Note(stats.Summary().c_str());
     if (status != 0) return kFailed;
-    return cancel.Fired() ? kInterrupted : kOk;
+    if (!cancel.Fired()) return kOk;
+    Progress::Note("interrupted");
+    return kInterrupted;
 }
 
 int RunTokenize(const Options& options, Library& library) {

@@ -65,7 +65,7 @@ const Option kOptions[] = {
      }},
     {"--stop", "TEXT", kGenerate, "stop string (repeatable)",
      [](Options& o, const char* v) { o.stopStrings.emplace_back(v); return true; }},
-    {"--stop-id", "ID", kGenerate, "stop token id (repeatable)",
+    {"--stop-id", "ID", kGenerate, "also stop at this token id (repeatable)",
      [](Options& o, const char* v) {
          int64_t id = 0;
          if (!ParseInt64(v, id)) return false;

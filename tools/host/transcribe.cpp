@@ -56,7 +56,9 @@ int RunTranscribe(const Options& options, Library& library) {
     api.FreeQueryResult(text);
     if (options.stats)
         Progress::Note(TranscriptionSummary(static_cast<double>(samples.size()) / kSpeechRate, elapsed).c_str());
-    return cancel.Fired() ? kInterrupted : kOk;
+    if (!cancel.Fired()) return kOk;
+    Progress::Note("interrupted");
+    return kInterrupted;
 }
 
 }  // namespace cli
