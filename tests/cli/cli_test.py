@@ -3,6 +3,7 @@
     cli_test.py HOST MODELS_DIR [unittest arguments]
 """
 import os
+import pty
 import re
 import select
 import signal
@@ -87,6 +88,44 @@ class Generate(unittest.TestCase):
         self.assertIn(b"interrupted", err)
         pieces = int(re.search(rb"stats: (\d+) tokens", err).group(1))
         self.assertTrue(1 <= pieces < 1000, pieces)
+
+
+class Terminal(unittest.TestCase):
+    def test_progress_redraws_on_a_terminal_while_compiling(self):
+        main, side = pty.openpty()
+        process = subprocess.Popen([HOST, "compile", "--model", os.path.join(MODELS, "tiny-llm")],
+                                   stdout=subprocess.PIPE, stderr=side)
+        os.close(side)
+        shown = b""
+        while True:
+            try:
+                chunk = os.read(main, 4096)
+            except OSError:  # the terminal's other side is gone
+                break
+            if not chunk:
+                break
+            shown += chunk
+        os.close(main)
+        self.assertEqual(process.wait(timeout=60), 0, shown)
+        with process.stdout:
+            self.assertEqual(process.stdout.read(), b"")
+        self.assertRegex(shown, rb"\r\x1b\[K. compiling .*tiny-llm for CPU  \d+\.\d s")
+        self.assertRegex(shown, rb"\r\x1b\[Kcompiling .*tiny-llm for CPU: done in \d+\.\d\d s\r?\n")
+
+    def test_ctrl_c_before_generation_ends_the_program(self):
+        # Armed with nothing to cancel yet: the model is still loading.
+        process = subprocess.Popen([HOST, "--model", os.path.join(MODELS, "smollm2"), PROMPT],
+                                   stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        try:
+            line = process.stderr.readline()  # the library's log line, at the start of InitModel
+            self.assertIn(b"Initializing", line)
+            process.send_signal(signal.SIGINT)
+            out, err = process.communicate(timeout=60)
+        finally:
+            process.kill()
+        self.assertEqual(process.returncode, 130, err)
+        self.assertIn(b"interrupted", err)
+        self.assertNotIn(b"done in", err)
 
 
 class Errors(unittest.TestCase):

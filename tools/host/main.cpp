@@ -29,7 +29,7 @@ int main(int argc, char** argv) {
     std::string error;
     if (!ParseArguments(argc, argv, options, error)) {
         if (!error.empty()) std::fprintf(stderr, "error: %s\n", error.c_str());
-        PrintUsage(argv[0]);
+        PrintUsage(error.empty() ? stdout : stderr, argv[0]);
         return error.empty() ? kOk : kUsage;
     }
     const Subcommand& sub = SubcommandOf(options.command);

@@ -134,21 +134,22 @@ bool ParseArguments(int argc, char** argv, Options& options, std::string& error)
     return true;
 }
 
-void PrintUsage(const char* program) {
-    std::fprintf(stderr, "usage: %s [SUBCOMMAND] [OPTIONS] OPERANDS\n\nsubcommands (default generate):\n",
+void PrintUsage(std::FILE* out, const char* program) {
+    std::fprintf(out, "usage: %s [SUBCOMMAND] [OPTIONS] OPERANDS\n\nsubcommands (default generate):\n",
                  program);
     for (const Subcommand& sub : kSubcommands)
-        std::fprintf(stderr, "  %-10s %-12s %s\n", sub.name, sub.operands, sub.summary);
-    std::fprintf(stderr, "\noptions:\n");
+        std::fprintf(out, "  %-10s %-12s %s (model: models/%s)\n", sub.name, sub.operands, sub.summary,
+                     sub.defaultModel);
+    std::fprintf(out, "\noptions:\n");
     for (const Option& option : kOptions) {
         std::string usedBy;
         for (const Subcommand& sub : kSubcommands)
             if (option.commands & sub.id) usedBy += std::string(usedBy.empty() ? "" : ",") + sub.name;
         const std::string left = std::string(option.name) + (option.metavar ? " " : "") +
                                  (option.metavar ? option.metavar : "");
-        std::fprintf(stderr, "  %-24s %s [%s]\n", left.c_str(), option.help, usedBy.c_str());
+        std::fprintf(out, "  %-24s %s [%s]\n", left.c_str(), option.help, usedBy.c_str());
     }
-    std::fprintf(stderr, "\nCtrl-C stops a generation or transcription; what came so far is printed "
+    std::fprintf(out, "\nCtrl-C stops a generation or transcription; what came so far is printed "
                          "and the exit status is 130.\n");
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
 #include <string>
 #include <utility>
 #include <vector>
@@ -33,6 +34,6 @@ struct Options {
 // A bare "--help" returns false with an empty `error`.
 bool ParseArguments(int argc, char** argv, Options& options, std::string& error);
 
-void PrintUsage(const char* program);
+void PrintUsage(std::FILE* out, const char* program);
 
 }  // namespace cli
