@@ -1,10 +1,11 @@
 """Finding, loading and calling the library.
 
 The library reports failures through one process-wide `error` function per
-model family, set by that family's InitModel. Every model made through a
-Library passes the same pair, and the pair files each message in a
-thread-local slot: the library calls `error` on the thread running the slot,
-so concurrent calls on distinct handles each see their own message."""
+model family, set by that family's InitModel. Every model made here passes a
+pair that files each message in a thread-local slot: the library calls
+`error` on the thread running the slot, so concurrent calls on distinct
+handles each see their own message. Code in the same process that calls
+InitModel with a pair of its own takes the messages away from this package."""
 import ctypes
 import logging
 import os
@@ -17,6 +18,18 @@ from .errors import VelmoraError
 LIBRARY_FILE = "Tarvik.Velmora.Framework.OpenVINOBindings.so"
 
 _log = logging.getLogger("velmora")
+
+# Module-wide, not per Library: the library keeps one pair per family for
+# the whole process, so a message may arrive through any Library's pair.
+_local = threading.local()
+
+
+def _messages():
+    try:
+        return _local.messages
+    except AttributeError:
+        _local.messages = {}
+        return _local.messages
 
 
 def _recorded_at_install():
@@ -59,7 +72,6 @@ class Library:
         self._dll.GetWhisperApiBase.restype = ctypes.POINTER(_abi.WhisperApiBase)
         self.llm = self._dll.GetLlmApiBase().contents
         self.whisper = self._dll.GetWhisperApiBase().contents
-        self._local = threading.local()
         self._initialised = set()
         # Kept alive as long as the library may call them, i.e. for good.
         self._callbacks = {family: self._make_callbacks(family) for family in ("llm", "whisper")}
@@ -69,16 +81,9 @@ class Library:
             _log.info("%s", message.decode("utf-8", "replace"))
 
         def on_error(message):
-            self._messages()[family] = message.decode("utf-8", "replace")
+            _messages()[family] = message.decode("utf-8", "replace")
 
         return _abi.HostCallbacks(_abi.MessageFunction(on_log), _abi.MessageFunction(on_error))
-
-    def _messages(self):
-        try:
-            return self._local.messages
-        except AttributeError:
-            self._local.messages = {}
-            return self._local.messages
 
     def callbacks(self, family):
         """The pair to give InitModel; from then on the family reports here."""
@@ -103,7 +108,7 @@ class Library:
     def call(self, family, operation, slot, *args, error=VelmoraError):
         """Runs one slot; a non-zero status raises `error` with the message
         that the slot reported during this very call."""
-        messages = self._messages()
+        messages = _messages()
         messages.pop(family, None)
         status = slot(*args)
         if status != 0:
