@@ -7,7 +7,11 @@ from .errors import PropertyError
 
 
 def encode(text):
-    return text.encode("utf-8", "surrogateescape") if isinstance(text, str) else bytes(text)
+    data = text.encode("utf-8", "surrogateescape") if isinstance(text, str) else bytes(text)
+    if b"\0" in data:
+        # The library reads NUL-terminated strings: the rest would be dropped silently.
+        raise ValueError("embedded null byte")
+    return data
 
 
 def decode(data):
