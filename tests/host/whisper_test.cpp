@@ -192,24 +192,6 @@ TEST(WhisperQuery, CancelEndsARunningTranscriptionButNotTheNextOne) {
     EXPECT_EQ(full.compare(0, early.size(), early), 0) << early;
 }
 
-TEST(WhisperQuery, NullHandles) {
-    WhisperModel model;  // gives the family its error function
-    char* text = nullptr;
-    EXPECT_EQ(Whisper().DestroyModel(nullptr), 0);
-    EXPECT_TRUE(InboxOf(Pair::A).errors.empty());
-    EXPECT_EQ(Whisper().QueryModel(nullptr, Tone().data(), 1, &text), 1);
-    EXPECT_EQ(TakeError(), "Model handle is null when querying model");
-    EXPECT_EQ(Whisper().CancelModel(nullptr), 1);
-    EXPECT_EQ(TakeError(), "Model handle is null when canceling");
-    LangIdPair* pairs = nullptr;
-    size_t count = 5;
-    EXPECT_EQ(Whisper().GetLangToId(nullptr, &pairs, &count), 1);
-    EXPECT_EQ(TakeError(), "Model handle is null when getting lang_to_id");
-    EXPECT_EQ(Whisper().SetSuppressTokens(nullptr, nullptr, 0), 1);
-    EXPECT_EQ(TakeError(), "Model handle is null when setting suppress_tokens");
-    EXPECT_EQ(count, 5u);
-}
-
 TEST(WhisperSettings, RoundTripsAndMessages) {
     WhisperModel model;
     auto get = [&](const char* name, std::string& value) {
