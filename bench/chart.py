@@ -19,8 +19,9 @@ speed = [
     ("tp_py_query_vs_direct_plain", "Throughput: Python host query / direct plain"),
     ("ttfp_c_vs_direct", "First piece: direct / C host"),
     ("ttfp_py_vs_direct", "First piece: direct / Python host"),
-    ("rtf_c_vs_direct", "Whisper RTF: direct / C host"),
-    ("rtf_c_vs_direct_streamer", "Whisper RTF: direct + streamer / C host"),
+    ("rtf_py_vs_direct", "Whisper RTF: direct / library (one process)"),
+    ("rtf_py_vs_direct_streamer", "Whisper RTF: direct + streamer / library (one process)"),
+    ("rtf_c_vs_direct", "Whisper RTF: direct / C host (separate processes)"),
 ]
 memory = [
     ("rss_py_vs_direct", "RSS after init: Python host / direct"),

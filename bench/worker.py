@@ -186,26 +186,35 @@ def run_ctypes(a):
     handle = lib.init_llm(a.model, a.tokens)  # joins this interpreter and imports the runtime
     out["init_s"] = clock() - start
     out["rss_after_init"] = rss_bytes()
-    lib.set(handle, "ignore_eos", "true")
-    lib.set(handle, "do_sample", "false")
-    streamer = PieceClock()
-    callback = TextCallback(lambda piece: streamer(piece) or 0)
-    lib.set(handle, "max_new_tokens", 8)
-    lib.stream(handle, a.prompt, callback)  # warm-up
-    lib.set(handle, "max_new_tokens", a.tokens)
-    out.update(stream_s=[], first_piece_s=[], query_s=[])
-    for _ in range(a.reps):
-        streamer.__init__()
-        start = clock()
-        lib.stream(handle, a.prompt, callback)
-        out["stream_s"].append(clock() - start)
-        out["first_piece_s"].append(streamer.first - start)
-        out["stream_pieces"] = streamer.count
-        start = clock()
-        out["text"] = lib.query(handle, a.prompt)
-        out["query_s"].append(clock() - start)
     lib.llm.DestroyModel(handle)
     return out
+
+
+class CapturingPipeline:
+    """Stands in for the runtime's LLMPipeline while the library builds its
+    pipeline, so that the streamer the library hands to `generate` can be
+    called afterwards exactly as the runtime calls it: with one str."""
+
+    captured = []
+
+    __wrapped__ = None  # the runtime's class, set before use
+
+    def __init__(self, *args, **kwargs):
+        self._pipeline = CapturingPipeline.__wrapped__(*args, **kwargs)
+
+    def generate(self, inputs, config=None, streamer=None, **kwargs):
+        if streamer is not None:
+            CapturingPipeline.captured.append(streamer)
+        return self._pipeline.generate(inputs, config, streamer=streamer, **kwargs)
+
+    def __getattr__(self, name):
+        return getattr(self._pipeline, name)
+
+
+def streamer_call_us(streamer, batches=30, per_batch=20000):
+    """Per-call cost of calling `streamer` with a typical piece."""
+    piece = " colors"
+    return per_call_us(batches, per_batch, lambda: streamer(piece))
 
 
 def run_pieces(a):
@@ -214,8 +223,16 @@ def run_pieces(a):
     import openvino_genai
     lib = Library(a.library)
     noop = ctypes.CDLL(a.noop)
+    noop.velmora_bench_piece_count.restype = ctypes.c_int64
+    noop.velmora_bench_first_piece_ns.restype = ctypes.c_int64
     noop_fn = ctypes.cast(noop.velmora_bench_noop_piece, ctypes.c_void_p)
-    handle = lib.init_llm(a.model, a.tokens)
+    runtime_class = openvino_genai.LLMPipeline
+    CapturingPipeline.__wrapped__ = runtime_class
+    openvino_genai.LLMPipeline = CapturingPipeline  # looked up by the library at InitModel
+    try:
+        handle = lib.init_llm(a.model, a.tokens)
+    finally:
+        openvino_genai.LLMPipeline = runtime_class
     lib.set(handle, "ignore_eos", "true")
     lib.set(handle, "do_sample", "false")
     pipeline = openvino_genai.LLMPipeline(a.model, "CPU")
@@ -239,6 +256,13 @@ def run_pieces(a):
     for run in runs.values():
         run()  # warm-up
     out = {"path": "pieces", **{name: [] for name in runs}}
+    # The library's path from the runtime's call to the host function, called
+    # as the runtime calls it, against a do-nothing Python streamer called the same way.
+    library_streamer = CapturingPipeline.captured[-1]
+    noop.velmora_bench_reset_count()
+    out["path_library_us"] = streamer_call_us(library_streamer)
+    out["path_calls_reached_host"] = noop.velmora_bench_piece_count()
+    out["path_python_noop_us"] = streamer_call_us(PieceClock())
     for round_ in range(a.reps):
         order = list(runs.items())
         order = order[round_ % 3:] + order[:round_ % 3]  # rotate so no path always runs first
@@ -249,6 +273,94 @@ def run_pieces(a):
             if count:
                 out[name + "_pieces"] = count
     lib.llm.DestroyModel(handle)
+    del pipeline
+    if a.llm_model:
+        out.update(llm_alternation(a, lib, openvino_genai, noop))
+    if a.whisper_model:
+        out.update(whisper_alternation(a, lib, openvino_genai))
+    return out
+
+
+def llm_alternation(a, lib, openvino_genai, noop):
+    """The benchmark LLM through the library (ctypes, no-op C host function)
+    and directly, in one process, alternated in rotating order."""
+    noop_fn = ctypes.cast(noop.velmora_bench_noop_piece, ctypes.c_void_p)
+    handle = lib.init_llm(a.llm_model, a.llm_tokens)
+    lib.set(handle, "ignore_eos", "true")
+    lib.set(handle, "do_sample", "false")
+    pipeline = openvino_genai.LLMPipeline(a.llm_model, "CPU")
+    out = {"llm_library_first_piece_s": [], "llm_direct_first_piece_s": []}
+
+    def library_stream():
+        noop.velmora_bench_reset_count()
+        start = clock()
+        lib.stream(handle, a.prompt, noop_fn)
+        out["llm_library_first_piece_s"].append(noop.velmora_bench_first_piece_ns() / 1e9 - start)
+        out["llm_library_pieces"] = noop.velmora_bench_piece_count()
+
+    def direct_stream():
+        streamer = PieceClock()
+        start = clock()
+        pipeline.generate(a.prompt, config, streamer=streamer)
+        out["llm_direct_first_piece_s"].append(streamer.first - start)
+        out["llm_direct_pieces"] = streamer.count
+
+    def library_query():
+        out["llm_library_text"] = lib.query(handle, a.prompt)
+
+    def direct_plain():
+        out["llm_direct_text"] = pipeline.generate(a.prompt, config)
+
+    lib.set(handle, "max_new_tokens", 8)
+    config = direct_config(pipeline, 8)
+    library_stream()  # warm-up, both paths
+    direct_stream()
+    lib.set(handle, "max_new_tokens", a.llm_tokens)
+    config = direct_config(pipeline, a.llm_tokens)
+    for key in list(out):
+        out[key] = []
+    runs = {"llm_library_stream": library_stream, "llm_direct_stream": direct_stream,
+            "llm_library_query": library_query, "llm_direct_plain": direct_plain}
+    out.update({name: [] for name in runs})
+    for rep in range(a.llm_reps):
+        order = list(runs.items())
+        order = order[rep % 4:] + order[:rep % 4]
+        for name, run in order:
+            start = clock()
+            run()
+            out[name].append(clock() - start)
+    lib.llm.DestroyModel(handle)
+    return out
+
+
+def whisper_alternation(a, lib, openvino_genai):
+    """Whisper through the library (ctypes QueryModel) and directly, in one process, alternated."""
+    samples = read_audio(a.audio)
+    buffer = samples.ctypes.data_as(ctypes.POINTER(ctypes.c_float))
+    handle = ctypes.c_void_p()
+    lib.check(lib.whisper.InitModel(a.whisper_model.encode(), 0, ctypes.byref(handle), ctypes.byref(lib.callbacks)),
+              "Whisper InitModel")
+    pipeline = openvino_genai.WhisperPipeline(a.whisper_model, "CPU")
+
+    def library(count=len(samples)):
+        text = ctypes.c_void_p()
+        lib.check(lib.whisper.QueryModel(handle, buffer, count, ctypes.byref(text)), "Whisper QueryModel")
+        lib.whisper.FreeQueryResult(text)
+
+    runs = {"whisper_library": library, "whisper_direct": lambda: pipeline.generate(samples),
+            "whisper_direct_streamer": lambda: pipeline.generate(samples, streamer=PieceClock())}
+    library(32000)  # warm-up on two seconds, both paths
+    pipeline.generate(samples[:32000])
+    out = {name: [] for name in runs}
+    for rep in range(a.whisper_reps):
+        order = list(runs.items())
+        order = order[rep % 3:] + order[:rep % 3]
+        for name, run in order:
+            start = clock()
+            run()
+            out[name].append(clock() - start)
+    out["whisper_audio_s"] = len(samples) / 16000.0
+    lib.whisper.DestroyModel(handle)
     return out
 
 
@@ -264,6 +376,10 @@ def main():
     parser.add_argument("--micro-scale", type=float, default=1.0)
     parser.add_argument("--whisper-model")
     parser.add_argument("--whisper-streamer", action="store_true")
+    parser.add_argument("--whisper-reps", type=int, default=1)
+    parser.add_argument("--llm-model", help="pieces mode: also alternate this model's generations")
+    parser.add_argument("--llm-reps", type=int, default=1)
+    parser.add_argument("--llm-tokens", type=int, default=128)
     parser.add_argument("--audio")
     a = parser.parse_args()
     out = {"direct": run_direct, "ctypes": run_ctypes, "pieces": run_pieces}[a.mode](a)
