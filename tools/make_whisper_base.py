@@ -13,10 +13,8 @@ step of make_whisper_fixture.py. Nothing is downloaded; a directory that is
 complete is skipped unless --force is given.
 """
 
-import argparse
 import importlib.util
 import json
-import shutil
 import struct
 import sys
 from pathlib import Path
@@ -180,33 +178,5 @@ def write_hf_model(directory: Path) -> None:
     WhisperFeatureExtractor(feature_size=fixture.MEL_BINS).save_pretrained(directory)
 
 
-def build(target: Path) -> None:
-    scratch = target.with_name(f".{target.name}.partial")
-    shutil.rmtree(scratch, ignore_errors=True)
-    write_hf_model(scratch / "hf")
-    fixture.export(scratch / "hf", scratch / "ov", dtype="fp16")
-    fixture.keep_only_model_files(scratch / "ov")
-    shutil.rmtree(target, ignore_errors=True)
-    (scratch / "ov").rename(target)
-    shutil.rmtree(scratch)
-
-
-def main() -> int:
-    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("root", nargs="?", default=REPO_ROOT / "models", type=Path,
-                        help="output root (default: models/ in the repository)")
-    parser.add_argument("--force", action="store_true", help="rebuild even if complete")
-    args = parser.parse_args()
-
-    target = args.root.resolve() / NAME
-    if not fixture.missing_files(target) and not args.force:
-        print(f"{target}: complete, skipped")
-        return 0
-    print(f"{target}: building")
-    build(target)
-    fixture.report(target)
-    return 0
-
-
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(fixture.main(NAME, __doc__, write_hf_model, dtype="fp16"))

@@ -266,11 +266,12 @@ def keep_only_model_files(directory: Path) -> None:
             path.unlink()
 
 
-def build(target: Path) -> None:
+def build(target: Path, write_hf=None, dtype: str = "fp32") -> None:
+    """Writes the transformers model, exports it, and renames it into place."""
     scratch = target.with_name(f".{target.name}.partial")
     shutil.rmtree(scratch, ignore_errors=True)
-    write_hf_model(scratch / "hf")
-    export(scratch / "hf", scratch / "ov")
+    (write_hf or write_hf_model)(scratch / "hf")
+    export(scratch / "hf", scratch / "ov", dtype)
     keep_only_model_files(scratch / "ov")
     shutil.rmtree(target, ignore_errors=True)
     (scratch / "ov").rename(target)
@@ -283,19 +284,19 @@ def report(target: Path) -> None:
     print(f"{target}: done")
 
 
-def main() -> int:
-    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+def main(name: str = NAME, description: str = __doc__, write_hf=None, dtype: str = "fp32") -> int:
+    parser = argparse.ArgumentParser(description=description.splitlines()[0])
     parser.add_argument("root", nargs="?", default=REPO_ROOT / "models", type=Path,
                         help="output root (default: models/ in the repository)")
     parser.add_argument("--force", action="store_true", help="rebuild even if complete")
     args = parser.parse_args()
 
-    target = args.root.resolve() / NAME
+    target = args.root.resolve() / name
     if not missing_files(target) and not args.force:
         print(f"{target}: complete, skipped")
         return 0
     print(f"{target}: building")
-    build(target)
+    build(target, write_hf, dtype)
     report(target)
     return 0
 

@@ -113,8 +113,11 @@ WhisperDecodedResults WhisperPipeline::generate(const std::vector<float>& raw_sp
                                                 const StreamerVariant& streamer) {
     return WithRuntime([&] {
         // A view of the caller's samples, not a copy: the runtime reads them during this call only.
-        py::array_t<float> samples(static_cast<py::ssize_t>(raw_speech.size()), raw_speech.data(),
-                                   py::capsule(raw_speech.data(), [](void*) {}));
+        // An empty vector may have no storage at all, which a view cannot wrap.
+        py::array_t<float> samples = raw_speech.empty()
+            ? py::array_t<float>(0)
+            : py::array_t<float>(static_cast<py::ssize_t>(raw_speech.size()), raw_speech.data(),
+                                 py::capsule(raw_speech.data(), [](void*) {}));
         py::object config = generation_config ? ToRuntime(*generation_config) : py::none();
         py::object results = RunGenerate(object_->get(), samples, config, streamer);
         return WhisperDecodedResults{Texts(results), Scores(results)};

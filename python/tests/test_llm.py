@@ -1,0 +1,131 @@
+import gc
+import threading
+
+import pytest
+
+import velmora
+from conftest import cancel_until_done
+
+PROMPT = "Once upon a time"
+
+
+def stream_threads():
+    return [t for t in threading.enumerate() if t.name == "velmora-stream"]
+
+
+def test_stream_pieces_make_up_the_generated_text_and_every_text_is_released(llm, counting):
+    api = counting(llm)
+    text = llm.generate(PROMPT)
+    pieces = list(llm.stream(PROMPT))
+    assert len(pieces) > 4 and "".join(pieces) == text
+    assert [r[0] for r in api.released] == ["FreeQueryResult"]
+
+
+def test_leaving_a_stream_early_cancels_and_joins_it(llm):
+    llm.config["ignore_eos"] = True
+    llm.config["max_new_tokens"] = 100000  # would run for minutes
+    for count, _ in enumerate(llm.stream(PROMPT)):
+        if count == 2:
+            break
+    gc.collect()
+    assert not stream_threads()
+
+    with llm.stream(PROMPT) as stream:
+        next(stream)
+    assert not stream_threads() and list(stream) == []
+
+    # The model is free again and a cancel left behind is forgotten.
+    llm.config["max_new_tokens"] = 12
+    assert len(llm.tokenize(llm.generate(PROMPT))) >= 10
+
+
+def test_closing_the_model_stops_its_stream(library, models):
+    model = velmora.LlmModel(models / "tiny-llm", context_length=100000, library=library)
+    stream = model.stream(PROMPT)
+    next(stream)
+    model.close()
+    assert not stream_threads() and model.closed
+    with pytest.raises(ValueError):
+        model.generate(PROMPT)
+
+
+def test_cancel_from_another_thread_ends_generate_early(llm):
+    llm.config["ignore_eos"] = True
+    llm.config["max_new_tokens"] = 2000
+    cancelled = cancel_until_done(llm, lambda: llm.generate(PROMPT))
+    assert len(llm.tokenize(cancelled)) < 1000
+
+
+def test_failures_carry_the_library_message_and_status(library, models, llm):
+    with pytest.raises(velmora.VelmoraError) as failure:
+        velmora.LlmModel(models / "missing", library=library)
+    assert (failure.value.status, failure.value.message) == (1, "The provided model path is not a directory")
+    with pytest.raises(velmora.VelmoraError, match="The context length must be greater than 0"):
+        velmora.LlmModel(models / "tiny-llm", context_length=0, library=library)
+
+    llm.config["num_return_sequences"] = 3  # more than num_beams: stored, refused when generating
+    with pytest.raises(velmora.VelmoraError) as failure:
+        llm.generate(PROMPT)
+    assert failure.value.status == 2 and failure.value.message.startswith("Failed to validate config: ")
+    stream = llm.stream(PROMPT)
+    with pytest.raises(velmora.VelmoraError) as failure:
+        next(stream)
+    assert failure.value.status == 1 and "Failed to validate config: " in failure.value.message
+    assert not stream_threads()
+
+
+def test_compile_reports_before_any_model_exists(library, models):
+    with pytest.raises(velmora.VelmoraError, match="An exception occurred while compiling the model: "
+                                                   "The context length must be greater than 0"):
+        velmora.compile_model(models / "tiny-llm", "CPU", 0, library=library)
+    velmora.compile_model(models / "tiny-llm", "CPU", 8, library=library)
+
+
+def test_config_is_a_typed_mapping_over_the_library_text(llm):
+    assert len(llm.config) == 21 and llm.config["max_new_tokens"] == 16
+    llm.config.update(temperature=0.7, do_sample=True, top_k=7, stop_criteria="NEVER")
+    assert llm.config["temperature"] == pytest.approx(0.7) and llm.config.text("temperature") == "0.700000"
+    assert llm.config["do_sample"] is True and llm.config["top_k"] == 7
+    assert llm.config["stop_criteria"] == "NEVER"
+    llm.config["max_new_tokens"] = -1
+    assert llm.config["max_new_tokens"] == 2**64 - 1
+
+    assert "seed" not in llm.config and llm.config.get("seed", 5) == 5
+    with pytest.raises(velmora.PropertyError) as failure:
+        llm.config["top_k"] = "many"
+    assert failure.value.message == "An error occurred setting property top_k with value many: invalid stoi argument"
+    with pytest.raises(velmora.PropertyError) as failure:
+        llm.config["stop_criteria"] = "early"  # refused without a message
+    assert failure.value.status == 1 and llm.config["stop_criteria"] == "NEVER"
+    with pytest.raises(TypeError):
+        del llm.config["top_k"]
+
+
+def test_stop_lists_round_trip_and_release(llm, counting):
+    api = counting(llm)
+    llm.stop_strings = ["b", "a", "b", "é"]
+    assert llm.stop_strings == ["a", "b", "é"]
+    llm.stop_token_ids = [5, -1, 5, 3, 2]
+    assert llm.stop_token_ids == [-1, 2, 3, 5]
+    llm.stop_strings = []
+    assert llm.stop_strings == []
+    assert [r[0] for r in api.released] == ["FreeStopStrings", "FreeStopTokens"]
+    assert api.released[0][2].value == 3
+    with pytest.raises(TypeError):
+        llm.stop_strings = "abc"
+
+
+def test_a_stop_string_ends_generation(llm):
+    text = llm.generate(PROMPT)
+    pieces = list(llm.stream(PROMPT))
+    stop = pieces[3].strip() or pieces[4].strip()
+    llm.stop_strings = [stop]
+    shorter = llm.generate(PROMPT)
+    assert len(shorter) < len(text) and text.startswith(shorter)
+
+
+def test_tokenize_releases_even_an_empty_result(llm, counting):
+    api = counting(llm)
+    ids = llm.tokenize("Hello world")
+    assert ids and ids == llm.tokenize("Hello world") and llm.tokenize("") == []
+    assert [r[0] for r in api.released] == ["FreeTokens"] * 3 and all(r[1] for r in api.released)

@@ -1,0 +1,36 @@
+"""Local text generation and speech transcription.
+
+    from velmora import LlmModel
+    with LlmModel("models/tiny-llm", context_length=32) as model:
+        model.config["temperature"] = 0.7
+        for piece in model.stream("Once upon a time"):
+            print(piece, end="", flush=True)
+
+Every model takes `library=`: the path of the native library (or a loaded
+Library). Without it the library is looked for inside this package, then at
+the path recorded when the package was installed, then in the `build/src`
+directory of the checkout the package runs from (see find_library).
+The library's informational messages go to the "velmora" logger.
+"""
+from ._abi import DEVICES
+from ._library import LIBRARY_FILE, Library, find_library, load_library
+from .config import Config
+from .errors import PropertyError, VelmoraError
+from .llm import LlmModel, TextStream
+from .whisper import WhisperModel
+
+__all__ = ["DEVICES", "LIBRARY_FILE", "Config", "Library", "LlmModel", "PropertyError", "TextStream",
+           "VelmoraError", "WhisperModel", "compile_model", "find_library", "load_library"]
+
+
+def compile_model(model_dir, device="NPU", context_length=1024, *, library=None):
+    """Compiles an LLM ahead of time: for the NPU it writes the ".blob" that
+    LlmModel needs beside the model files (the directory must hold none yet);
+    for CPU and GPU it only checks that a pipeline can be built."""
+    from . import _abi
+    from ._model import encode
+
+    lib = load_library(library)
+    lib.ensure_llm_reporting()
+    lib.call("llm", "CompileModel", lib.llm.CompileModel, encode(str(model_dir)), _abi.device_type(device),
+             int(context_length))

@@ -1,0 +1,86 @@
+"""ctypes mirror of the public header: the two tables, the callback pair and
+the language-map record. Field order is the slot order and must not change."""
+import ctypes
+from ctypes import CFUNCTYPE, POINTER, Structure, c_char_p, c_float, c_int, c_int32, c_int64, c_size_t, c_void_p
+
+Status = c_int32
+Handle = c_void_p
+
+# Messages and pieces arrive as library-owned char*; c_char_p copies them into
+# bytes during the call, which is all the host may rely on.
+MessageFunction = CFUNCTYPE(None, c_char_p)
+TextCallback = CFUNCTYPE(c_int, c_char_p)
+
+
+class HostCallbacks(Structure):
+    _fields_ = [("log", MessageFunction), ("error", MessageFunction)]
+
+
+class LangIdPair(Structure):
+    # `language` stays a raw pointer: on the way out it is a buffer we must free.
+    _fields_ = [("language", c_void_p), ("id", c_int64)]
+
+
+_out = POINTER(c_void_p)  # char**, int64_t**, char***, LangIdPair**: freed by address
+_count = POINTER(c_size_t)
+_ids = POINTER(c_int64)
+_release = CFUNCTYPE(Status, c_void_p)
+
+
+class LlmApiBase(Structure):
+    _fields_ = [
+        ("InitModel", CFUNCTYPE(Status, c_char_p, c_int32, c_int32, POINTER(Handle), POINTER(HostCallbacks))),
+        ("DestroyModel", CFUNCTYPE(Status, Handle)),
+        ("QueryModel", CFUNCTYPE(Status, Handle, c_char_p, _out)),
+        ("StreamModel", CFUNCTYPE(Status, Handle, c_char_p, TextCallback)),
+        ("FreeQueryResult", _release),
+        ("SetConfigProperty", CFUNCTYPE(Status, Handle, c_char_p, c_char_p)),
+        ("GetConfigProperty", CFUNCTYPE(Status, Handle, c_char_p, _out)),
+        ("FreeConfigProperty", _release),
+        ("SetStopStrings", CFUNCTYPE(Status, Handle, POINTER(c_char_p), c_size_t)),
+        ("GetStopStrings", CFUNCTYPE(Status, Handle, _out, _count)),
+        ("FreeStopStrings", CFUNCTYPE(Status, c_void_p, c_size_t)),
+        ("SetStopTokens", CFUNCTYPE(Status, Handle, _ids, c_size_t)),
+        ("GetStopTokens", CFUNCTYPE(Status, Handle, _out, _count)),
+        ("FreeStopTokens", _release),
+        ("Tokenize", CFUNCTYPE(Status, Handle, c_char_p, _out, _count)),
+        ("FreeTokens", _release),
+        ("CancelModel", CFUNCTYPE(Status, Handle)),
+        ("CompileModel", CFUNCTYPE(Status, c_char_p, c_int32, c_int32)),
+    ]
+
+
+class WhisperApiBase(Structure):
+    _fields_ = [
+        ("InitModel", CFUNCTYPE(Status, c_char_p, c_int32, POINTER(Handle), POINTER(HostCallbacks))),
+        ("DestroyModel", CFUNCTYPE(Status, Handle)),
+        ("QueryModel", CFUNCTYPE(Status, Handle, POINTER(c_float), c_int32, _out)),
+        ("FreeQueryResult", _release),
+        ("SetConfigProperty", CFUNCTYPE(Status, Handle, c_char_p, c_char_p)),
+        ("GetConfigProperty", CFUNCTYPE(Status, Handle, c_char_p, _out)),
+        ("FreeConfigProperty", _release),
+        ("GetLangToId", CFUNCTYPE(Status, Handle, _out, _count)),
+        ("SetLangToId", CFUNCTYPE(Status, Handle, POINTER(LangIdPair), c_size_t)),
+        ("FreeLangToId", _release),
+        ("GetBeginSuppressTokens", CFUNCTYPE(Status, Handle, _out, _count)),
+        ("SetBeginSuppressTokens", CFUNCTYPE(Status, Handle, _ids, c_size_t)),
+        ("FreeBeginSuppressTokens", _release),
+        ("GetSuppressTokens", CFUNCTYPE(Status, Handle, _out, _count)),
+        ("SetSuppressTokens", CFUNCTYPE(Status, Handle, _ids, c_size_t)),
+        ("FreeSuppressTokens", _release),
+        ("CancelModel", CFUNCTYPE(Status, Handle)),
+    ]
+
+
+DEVICES = {"CPU": 0, "GPU": 1, "NPU": 2}
+
+
+def device_type(device):
+    """A device name (any case) or the raw selector; unknown integers go to the
+    library unchanged so that its own message reaches the caller."""
+    if isinstance(device, str):
+        try:
+            return DEVICES[device.upper()]
+        except KeyError:
+            raise ValueError(f"unknown device {device!r}; expected one of {', '.join(DEVICES)}") from None
+    return int(device)

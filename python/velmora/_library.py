@@ -1,0 +1,132 @@
+"""Finding, loading and calling the library.
+
+The library reports failures through one process-wide `error` function per
+model family, set by that family's InitModel. Every model made here passes a
+pair that files each message in a thread-local slot: the library calls
+`error` on the thread running the slot, so concurrent calls on distinct
+handles each see their own message. Code in the same process that calls
+InitModel with a pair of its own takes the messages away from this package."""
+import ctypes
+import logging
+import os
+import threading
+from pathlib import Path
+
+from . import _abi
+from .errors import VelmoraError
+
+LIBRARY_FILE = "Tarvik.Velmora.Framework.OpenVINOBindings.so"
+
+_log = logging.getLogger("velmora")
+
+# Module-wide, not per Library: the library keeps one pair per family for
+# the whole process, so a message may arrive through any Library's pair.
+_local = threading.local()
+
+
+def _messages():
+    try:
+        return _local.messages
+    except AttributeError:
+        _local.messages = {}
+        return _local.messages
+
+
+def _recorded_at_install():
+    try:
+        from ._install_location import LIBRARY
+    except ImportError:
+        return None
+    return LIBRARY
+
+
+def candidate_paths():
+    """Where a library is looked for when no path is given, first match wins:
+    a copy inside the package, the path recorded when the package was
+    installed, and the build tree of the checkout the package runs from."""
+    package = Path(__file__).resolve().parent
+    places = [package / LIBRARY_FILE]
+    recorded = _recorded_at_install()
+    if recorded:
+        places.append(Path(recorded))
+    places.append(package.parent.parent / "build" / "src" / LIBRARY_FILE)
+    return places
+
+
+def find_library():
+    places = candidate_paths()
+    for place in places:
+        if place.is_file():
+            return str(place)
+    tried = "\n  ".join(str(p) for p in places)
+    raise FileNotFoundError(f"{LIBRARY_FILE} not found; pass its path as library=..., tried:\n  {tried}")
+
+
+class Library:
+    """One loaded copy of the library with its two tables."""
+
+    def __init__(self, path):
+        self.path = os.path.abspath(path)
+        self._dll = ctypes.CDLL(self.path)
+        self._dll.GetLlmApiBase.restype = ctypes.POINTER(_abi.LlmApiBase)
+        self._dll.GetWhisperApiBase.restype = ctypes.POINTER(_abi.WhisperApiBase)
+        self.llm = self._dll.GetLlmApiBase().contents
+        self.whisper = self._dll.GetWhisperApiBase().contents
+        self._initialised = set()
+        # Kept alive as long as the library may call them, i.e. for good.
+        self._callbacks = {family: self._make_callbacks(family) for family in ("llm", "whisper")}
+
+    def _make_callbacks(self, family):
+        def on_log(message):
+            _log.info("%s", message.decode("utf-8", "replace"))
+
+        def on_error(message):
+            _messages()[family] = message.decode("utf-8", "replace")
+
+        return _abi.HostCallbacks(_abi.MessageFunction(on_log), _abi.MessageFunction(on_error))
+
+    def callbacks(self, family):
+        """The pair to give InitModel; from then on the family reports here."""
+        self._initialised.add(family)
+        return ctypes.byref(self._callbacks[family])
+
+    def ensure_llm_reporting(self):
+        """CompileModel needs no handle and reports through the pair of the
+        last LLM InitModel, staying silent before the first one. An InitModel
+        refused at once (context length 0) stores the pair and loads nothing."""
+        if "llm" in self._initialised:
+            return
+        handle = ctypes.c_void_p()
+        try:
+            self.call("llm", "InitModel", self.llm.InitModel, b"", 0, 0, ctypes.byref(handle),
+                      self.callbacks("llm"))
+        except VelmoraError:
+            pass
+        else:  # pragma: no cover - only a broken library accepts that init
+            self.llm.DestroyModel(handle)
+
+    def call(self, family, operation, slot, *args, error=VelmoraError):
+        """Runs one slot; a non-zero status raises `error` with the message
+        that the slot reported during this very call."""
+        messages = _messages()
+        messages.pop(family, None)
+        status = slot(*args)
+        if status != 0:
+            raise error(operation, status, messages.pop(family, ""))
+        return status
+
+
+_loaded = {}
+_loaded_lock = threading.Lock()
+
+
+def load_library(library=None):
+    """A Library from a Library, a path, or None for the default location.
+    A path is loaded once per process."""
+    if isinstance(library, Library):
+        return library
+    path = os.path.realpath(os.fspath(library) if library is not None else find_library())
+    with _loaded_lock:
+        if path not in _loaded:
+            _loaded[path] = Library(path)
+        return _loaded[path]

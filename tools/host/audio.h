@@ -1,0 +1,16 @@
+// Audio files in, 16 kHz mono float samples out, as the Whisper table wants.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace cli {
+
+constexpr int kSpeechRate = 16000;
+
+// Reads any format libsndfile knows (WAV, FLAC, Ogg, MP3, AIFF, ...), mixes the
+// channels down to one and resamples to kSpeechRate. On failure returns false
+// with `error` set.
+bool ReadSpeech(const std::string& path, std::vector<float>& samples, std::string& error);
+
+}  // namespace cli
