@@ -15,10 +15,14 @@ data = json.load(open(os.path.join(HERE, "out", "ratios.json")))
 speed = [
     ("tp_c_stream_vs_direct_stream", "Throughput: C host stream / direct + streamer"),
     ("tp_c_query_vs_direct_plain", "Throughput: C host query / direct plain"),
-    ("tp_py_stream_vs_direct_stream", "Throughput: Python host stream / direct + streamer"),
-    ("tp_py_query_vs_direct_plain", "Throughput: Python host query / direct plain"),
+    ("tp_py_stream_vs_direct_stream", "Throughput: library stream (one process) / direct + streamer"),
+    ("tp_py_query_vs_direct_plain", "Throughput: library query (one process) / direct plain"),
     ("ttfp_c_vs_direct", "First piece: direct / C host"),
-    ("ttfp_py_vs_direct", "First piece: direct / Python host"),
+    ("ttfp_py_vs_direct", "First piece: direct / library (one process)"),
+    ("tp_pkg_stream_vs_direct_stream", "Throughput: Python package stream / direct + streamer"),
+    ("tp_pkg_query_vs_direct_plain", "Throughput: Python package generate / direct plain"),
+    ("ttfp_pkg_vs_direct", "First piece: direct / Python package"),
+    ("rtf_pkg_vs_direct", "Whisper RTF: direct / Python package"),
     ("rtf_py_vs_direct", "Whisper RTF: direct / library (one process)"),
     ("rtf_py_vs_direct_streamer", "Whisper RTF: direct + streamer / library (one process)"),
     ("rtf_c_vs_direct", "Whisper RTF: direct / C host (separate processes)"),
@@ -30,6 +34,7 @@ memory = [
 
 
 def panel(ax, rows, target, title, better):
+    rows = [row for row in rows if row[0] in data]  # the package rows exist only with the package
     labels = [label for _, label in rows][::-1]
     values = [data[key] for key, _ in rows][::-1]
     y = range(len(rows))

@@ -23,6 +23,7 @@ PYTHON = os.path.join(ROOT, ".venv", "bin", "python")
 WORKER = os.path.join(HERE, "worker.py")
 OUT = os.path.join(HERE, "out")
 AUDIO = os.path.join(OUT, "speech.f32")
+PACKAGE = os.path.join(ROOT, "python")  # the library's Python package, when this checkout has it
 PROMPT = "The three primary colors are"
 
 
@@ -86,8 +87,10 @@ def measure(a):
         print(f"round {r + 1}/{a.rounds}: pieces", file=sys.stderr, flush=True)
         entry["pieces"] = run([PYTHON, WORKER, "pieces", "--library", LIBRARY, "--noop", NOOP,
                                "--model", a.piece_model, "--prompt", PROMPT, "--tokens", str(a.piece_tokens),
-                               "--reps", str(a.piece_reps), *whisper, "--whisper-reps", "1",
-                               "--llm-model", a.model, "--llm-tokens", str(a.tokens), "--llm-reps", "1"])
+                               "--reps", str(a.piece_reps), *whisper,
+                               "--llm-model", a.model, "--llm-tokens", str(a.tokens),
+                               "--llm-reps", str(a.alternations), "--whisper-reps", str(a.alternations),
+                               *(["--package", PACKAGE] if a.package else [])])
         rounds.append(entry)
     return rounds
 
@@ -116,6 +119,15 @@ def summarize(rounds, tokens):
     s["rtf_c_vs_direct"] = per_round(lambda r: med(r["direct"]["whisper_s"]) / med(r["c_host"]["whisper_s"]))
     s["rtf_py_vs_direct"] = per_round(
         lambda r: med(r["pieces"]["whisper_direct"]) / med(r["pieces"]["whisper_library"]))
+    if "llm_package_stream" in rounds[0]["pieces"]:
+        s["tp_pkg_stream_vs_direct_stream"] = per_round(
+            lambda r: tps(r["pieces"]["llm_package_stream"]) / tps(r["pieces"]["llm_direct_stream"]))
+        s["tp_pkg_query_vs_direct_plain"] = per_round(
+            lambda r: tps(r["pieces"]["llm_package_query"]) / tps(r["pieces"]["llm_direct_plain"]))
+        s["ttfp_pkg_vs_direct"] = per_round(
+            lambda r: med(r["pieces"]["llm_direct_first_piece_s"]) / med(r["pieces"]["llm_package_first_piece_s"]))
+        s["rtf_pkg_vs_direct"] = per_round(
+            lambda r: med(r["pieces"]["whisper_direct"]) / med(r["pieces"]["whisper_package"]))
     s["rtf_py_vs_direct_streamer"] = per_round(
         lambda r: med(r["pieces"]["whisper_direct_streamer"]) / med(r["pieces"]["whisper_library"]))
     # Memory and init: library over direct, so that less is better.
@@ -170,6 +182,20 @@ def summarize(rounds, tokens):
         p = r["pieces"]
         direct_piece += [(d - n) / p["direct_stream_pieces"] * 1e6 for d, n in zip(p["direct_stream"], p["direct_plain"])]
     s["direct_piece_us_vs_plain"] = Spread(direct_piece)
+    def outside(key, total):
+        return Spread(o * 1e3 for r in rounds for o in r["pieces"][key])
+
+    def inside_share(key, total):
+        return Spread((t - o) / t for r in rounds for o, t in zip(r["pieces"][key], r["pieces"][total]))
+
+    s["outside_ms"] = {
+        "`StreamModel`": (outside("llm_library_stream_outside_s", "llm_library_stream"),
+                          inside_share("llm_library_stream_outside_s", "llm_library_stream")),
+        "`QueryModel` (LLM)": (outside("llm_library_query_outside_s", "llm_library_query"),
+                               inside_share("llm_library_query_outside_s", "llm_library_query")),
+        "`QueryModel` (Whisper)": (outside("whisper_library_outside_s", "whisper_library"),
+                                   inside_share("whisper_library_outside_s", "whisper_library")),
+    }
     s["path_library_us"] = Spread(v for r in rounds for v in r["pieces"]["path_library_us"])
     s["path_python_noop_us"] = Spread(v for r in rounds for v in r["pieces"]["path_python_noop_us"])
     s["path_calls_reached_host"] = all(
@@ -189,9 +215,11 @@ def summarize(rounds, tokens):
     s["direct_set_us"] = pooled("direct", "set_us")
 
     texts = {r[p]["text"] for r in rounds for p in ("c_host", "direct")}
-    texts |= {r["pieces"][k] for r in rounds for k in ("llm_library_text", "llm_direct_text")}
+    texts |= {r["pieces"][k] for r in rounds for k in ("llm_library_text", "llm_direct_text", "llm_package_text")
+              if k in r["pieces"]}
     counts = {r[p]["stream_pieces"] for r in rounds for p in ("c_host", "direct")}
-    counts |= {r["pieces"][k] for r in rounds for k in ("llm_library_pieces", "llm_direct_pieces")}
+    counts |= {r["pieces"][k] for r in rounds for k in ("llm_library_pieces", "llm_direct_pieces",
+                                                         "llm_package_pieces") if k in r["pieces"]}
     whisper_texts = {r[p]["whisper_text"].strip() for r in rounds for p in ("c_host", "direct")}
     s["same_text"], s["same_pieces"], s["pieces"] = len(texts) == 1, len(counts) == 1, sorted(counts)
     s["same_whisper_text"] = len(whisper_texts) == 1
@@ -203,6 +231,19 @@ def summarize(rounds, tokens):
 
 def verdict(ok):
     return "met" if ok else "**missed**"
+
+
+def package_rows(s):
+    if "tp_pkg_stream_vs_direct_stream" not in s:
+        return ["| Python package of the library | not in this checkout | – |"]
+    rows = [("Throughput, Python package `LlmModel.stream` vs direct with a Python streamer, one process",
+             "tp_pkg_stream_vs_direct_stream"),
+            ("Throughput, Python package `LlmModel.generate` vs direct without streamer, one process",
+             "tp_pkg_query_vs_direct_plain"),
+            ("Time to first piece, Python package `LlmModel.stream` vs direct, one process", "ttfp_pkg_vs_direct"),
+            ("Whisper real-time factor, Python package `WhisperModel.transcribe` vs direct, one process",
+             "rtf_pkg_vs_direct")]
+    return [f"| {label} | {s[key].fmt()} | {verdict(s[key].median >= 0.99)} |" for label, key in rows]
 
 
 def write_results(a, s, info, path):
@@ -231,8 +272,9 @@ def write_results(a, s, info, path):
         "from one second to the next, these pairs, seconds apart in one process, are far less noisy than whole "
         "processes, so they are the headline; the C-host rows show the same from a C host across processes. "
         "Every process warms up with one short generation before it measures. Figures are the median over "
-        "rounds with the range (min – max) in brackets; ratios are paired within a round. There is no Python "
-        "package of the library yet, so that row is absent; the ctypes rows stand for a Python host.",
+        "rounds with the range (min – max) in brackets; ratios are paired within a round. The Python package "
+        "(`python/velmora`, imported from the checkout, not installed) runs in the same alternation: its "
+        "stream hands pieces to Python through a worker thread and a queue, as its users get them.",
         "",
         "## Ratios against the runtime used directly",
         "",
@@ -259,6 +301,7 @@ def write_results(a, s, info, path):
         f"| **Time to first piece, library (ctypes) vs direct, alternated in one process** | "
         f"{s['ttfp_py_vs_direct'].fmt()} | "
         f"{verdict(s['ttfp_py_vs_direct'].median >= 0.99)} |",
+        *package_rows(s),
         f"| **Whisper real-time factor, library vs direct without streamer, alternated in one process (headline)** | "
         f"{s['rtf_py_vs_direct'].fmt()} | {verdict(s['rtf_py_vs_direct'].median >= 0.99)} |",
         f"| Whisper real-time factor, library vs direct with a no-op streamer, alternated in one process | "
@@ -276,6 +319,23 @@ def write_results(a, s, info, path):
         "The library always hands the runtime a streamer (it is how `CancelModel` reaches a running generation), "
         "so the fair comparison for `StreamModel` is the direct runtime with a no-op Python streamer; the rows "
         "without a streamer show what a plain direct call costs against it.",
+        "",
+        "## Where the library's time goes",
+        "",
+        "Whole-run ratios on this machine swing by tens of percent from one minute to the next, in both "
+        "directions, which hides a 1 % difference. So the alternation process also measures the library's own "
+        "share directly: while the library builds its pipeline, a thin stand-in for the runtime's pipeline class "
+        "(forwarding everything) times each call of the runtime's `generate`. A slot's time minus that is "
+        "what the C ABI, the bridge and the conversions cost per call, independent of the load on the model:",
+        "",
+        "| Slot | time outside the runtime's `generate` (ms per call) | share of the slot's time inside the runtime |",
+        "|---|---|---|",
+        *[f"| {name} | {o.fmt(3)} | {share.fmt(5)} |" for name, (o, share) in s["outside_ms"].items()],
+        "",
+        "The time outside covers validating the settings and handing them to the runtime, copying the prompt "
+        "or the samples, and the result text back. It bounds what the library can add to a call; the rest of "
+        "any difference in the whole-run ratios is the runtime's own work under a changing load (the stand-in "
+        "itself adds one Python call per generation, a few microseconds, to these library figures).",
         "",
         "## Absolute figures",
         "",
@@ -390,6 +450,8 @@ def main():
     a.piece_model = os.path.join(ROOT, "models", "tiny-llm")
     a.piece_tokens = 128 if a.quick else 256
     a.piece_reps = 3 if a.quick else 8
+    a.alternations = 1 if a.quick else 2
+    a.package = os.path.isfile(os.path.join(PACKAGE, "velmora", "__init__.py"))
 
     info = machine()
     info["date"] = datetime.now(timezone.utc).strftime("%Y-%m-%d %H:%M UTC")

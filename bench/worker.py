@@ -191,11 +191,14 @@ def run_ctypes(a):
 
 
 class CapturingPipeline:
-    """Stands in for the runtime's LLMPipeline while the library builds its
+    """Stands in for the runtime's pipeline class while the library builds its
     pipeline, so that the streamer the library hands to `generate` can be
-    called afterwards exactly as the runtime calls it: with one str."""
+    called afterwards exactly as the runtime calls it (with one str), and so
+    that the time spent inside the runtime's `generate` is known: the rest of
+    a slot's time is the library's own."""
 
     captured = []
+    inner_s = 0.0
 
     __wrapped__ = None  # the runtime's class, set before use
 
@@ -205,10 +208,25 @@ class CapturingPipeline:
     def generate(self, inputs, config=None, streamer=None, **kwargs):
         if streamer is not None:
             CapturingPipeline.captured.append(streamer)
-        return self._pipeline.generate(inputs, config, streamer=streamer, **kwargs)
+        start = clock()
+        try:
+            return self._pipeline.generate(inputs, config, streamer=streamer, **kwargs)
+        finally:
+            CapturingPipeline.inner_s = clock() - start
 
     def __getattr__(self, name):
         return getattr(self._pipeline, name)
+
+
+def with_capture(module, class_name, init):
+    """Runs `init` (a library InitModel) with the runtime's class replaced by CapturingPipeline."""
+    runtime_class = getattr(module, class_name)
+    CapturingPipeline.__wrapped__ = runtime_class
+    setattr(module, class_name, CapturingPipeline)  # looked up by the library at InitModel
+    try:
+        return init()
+    finally:
+        setattr(module, class_name, runtime_class)
 
 
 def streamer_call_us(streamer, batches=30, per_batch=20000):
@@ -226,13 +244,7 @@ def run_pieces(a):
     noop.velmora_bench_piece_count.restype = ctypes.c_int64
     noop.velmora_bench_first_piece_ns.restype = ctypes.c_int64
     noop_fn = ctypes.cast(noop.velmora_bench_noop_piece, ctypes.c_void_p)
-    runtime_class = openvino_genai.LLMPipeline
-    CapturingPipeline.__wrapped__ = runtime_class
-    openvino_genai.LLMPipeline = CapturingPipeline  # looked up by the library at InitModel
-    try:
-        handle = lib.init_llm(a.model, a.tokens)
-    finally:
-        openvino_genai.LLMPipeline = runtime_class
+    handle = with_capture(openvino_genai, "LLMPipeline", lambda: lib.init_llm(a.model, a.tokens))
     lib.set(handle, "ignore_eos", "true")
     lib.set(handle, "do_sample", "false")
     pipeline = openvino_genai.LLMPipeline(a.model, "CPU")
@@ -285,7 +297,7 @@ def llm_alternation(a, lib, openvino_genai, noop):
     """The benchmark LLM through the library (ctypes, no-op C host function)
     and directly, in one process, alternated in rotating order."""
     noop_fn = ctypes.cast(noop.velmora_bench_noop_piece, ctypes.c_void_p)
-    handle = lib.init_llm(a.llm_model, a.llm_tokens)
+    handle = with_capture(openvino_genai, "LLMPipeline", lambda: lib.init_llm(a.llm_model, a.llm_tokens))
     lib.set(handle, "ignore_eos", "true")
     lib.set(handle, "do_sample", "false")
     pipeline = openvino_genai.LLMPipeline(a.llm_model, "CPU")
@@ -321,16 +333,51 @@ def llm_alternation(a, lib, openvino_genai, noop):
         out[key] = []
     runs = {"llm_library_stream": library_stream, "llm_direct_stream": direct_stream,
             "llm_library_query": library_query, "llm_direct_plain": direct_plain}
+    package_model = None
+    if a.package:
+        velmora = import_package(a.package)
+        package_model = velmora.LlmModel(a.llm_model, "CPU", a.llm_tokens, library=a.library)
+        package_model.config["ignore_eos"] = True
+        package_model.config["do_sample"] = False
+        out["llm_package_first_piece_s"] = []
+
+        def package_stream():
+            start, count = clock(), 0
+            for _ in package_model.stream(a.prompt):
+                count += 1
+                if count == 1:
+                    out["llm_package_first_piece_s"].append(clock() - start)
+            out["llm_package_pieces"] = count
+
+        def package_query():
+            out["llm_package_text"] = package_model.generate(a.prompt)
+
+        package_stream()  # warm-up
+        out["llm_package_first_piece_s"].clear()
+        runs.update(llm_package_stream=package_stream, llm_package_query=package_query)
     out.update({name: [] for name in runs})
+    out.update(llm_library_stream_outside_s=[], llm_library_query_outside_s=[])
     for rep in range(a.llm_reps):
         order = list(runs.items())
-        order = order[rep % 4:] + order[:rep % 4]
+        order = order[rep % len(order):] + order[:rep % len(order)]
         for name, run in order:
             start = clock()
             run()
             out[name].append(clock() - start)
+            if name.startswith("llm_library"):
+                out[name + "_outside_s"].append(out[name][-1] - CapturingPipeline.inner_s)
     lib.llm.DestroyModel(handle)
+    if package_model is not None:
+        package_model.close()
     return out
+
+
+def import_package(directory):
+    """The library's Python package, from its source directory (not installed
+    into the shared runtime environment)."""
+    sys.path.insert(0, directory)
+    import velmora
+    return velmora
 
 
 def whisper_alternation(a, lib, openvino_genai):
@@ -338,8 +385,9 @@ def whisper_alternation(a, lib, openvino_genai):
     samples = read_audio(a.audio)
     buffer = samples.ctypes.data_as(ctypes.POINTER(ctypes.c_float))
     handle = ctypes.c_void_p()
-    lib.check(lib.whisper.InitModel(a.whisper_model.encode(), 0, ctypes.byref(handle), ctypes.byref(lib.callbacks)),
-              "Whisper InitModel")
+    with_capture(openvino_genai, "WhisperPipeline", lambda: lib.check(
+        lib.whisper.InitModel(a.whisper_model.encode(), 0, ctypes.byref(handle), ctypes.byref(lib.callbacks)),
+        "Whisper InitModel"))
     pipeline = openvino_genai.WhisperPipeline(a.whisper_model, "CPU")
 
     def library(count=len(samples)):
@@ -349,18 +397,27 @@ def whisper_alternation(a, lib, openvino_genai):
 
     runs = {"whisper_library": library, "whisper_direct": lambda: pipeline.generate(samples),
             "whisper_direct_streamer": lambda: pipeline.generate(samples, streamer=PieceClock())}
+    package_model = None
+    if a.package:
+        package_model = import_package(a.package).WhisperModel(a.whisper_model, "CPU", library=a.library)
+        package_model.transcribe(samples[:32000])  # warm-up
+        runs["whisper_package"] = lambda: package_model.transcribe(samples)
     library(32000)  # warm-up on two seconds, both paths
     pipeline.generate(samples[:32000])
     out = {name: [] for name in runs}
     for rep in range(a.whisper_reps):
         order = list(runs.items())
-        order = order[rep % 3:] + order[:rep % 3]
+        order = order[rep % len(order):] + order[:rep % len(order)]
         for name, run in order:
             start = clock()
             run()
             out[name].append(clock() - start)
+            if name == "whisper_library":
+                out.setdefault("whisper_library_outside_s", []).append(out[name][-1] - CapturingPipeline.inner_s)
     out["whisper_audio_s"] = len(samples) / 16000.0
     lib.whisper.DestroyModel(handle)
+    if package_model is not None:
+        package_model.close()
     return out
 
 
@@ -380,6 +437,7 @@ def main():
     parser.add_argument("--llm-model", help="pieces mode: also alternate this model's generations")
     parser.add_argument("--llm-reps", type=int, default=1)
     parser.add_argument("--llm-tokens", type=int, default=128)
+    parser.add_argument("--package", help="pieces mode: directory holding the library's Python package")
     parser.add_argument("--audio")
     a = parser.parse_args()
     out = {"direct": run_direct, "ctypes": run_ctypes, "pieces": run_pieces}[a.mode](a)
