@@ -13,6 +13,9 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 data = json.load(open(os.path.join(HERE, "out", "ratios.json")))
 
 speed = [
+    ("share_stream", "Library's own time bound: StreamModel"),
+    ("share_query", "Library's own time bound: QueryModel (LLM)"),
+    ("share_whisper", "Library's own time bound: QueryModel (Whisper)"),
     ("tp_c_stream_vs_direct_stream", "Throughput: C host stream / direct + streamer"),
     ("tp_c_query_vs_direct_plain", "Throughput: C host query / direct plain"),
     ("tp_py_stream_vs_direct_stream", "Throughput: library stream (one process) / direct + streamer"),
@@ -46,13 +49,13 @@ def panel(ax, rows, target, title, better):
     ax.set_yticks(list(y))
     ax.set_yticklabels(labels, fontsize=8)
     low = min(min(v[1] for v in values), target) - 0.03
-    high = max(max(v[2] for v in values), 1.0) + 0.03
+    high = max(max(v[2] for v in values), 1.0, target) + 0.03
     ax.set_xlim(low, high)
     ax.set_title(title, fontsize=10)
     ax.legend(fontsize=8, loc="lower right")
 
 
-fig, (top, bottom) = plt.subplots(2, 1, figsize=(9, 6.5), gridspec_kw={"height_ratios": [len(speed), len(memory) + 1]})
+fig, (top, bottom) = plt.subplots(2, 1, figsize=(9, 8), gridspec_kw={"height_ratios": [len(speed), len(memory) + 1]})
 panel(top, speed, 0.99, "Speed ratios (1 = same as the runtime directly; higher is better)", "≥")
 panel(bottom, memory, 1.05, "Memory ratios (lower is better)", "≤")
 bottom.set_xlabel("ratio (bar: median over rounds, whiskers: min – max)")

@@ -440,6 +440,7 @@ def main():
     parser.add_argument("--quick", action="store_true", help="fewer rounds and tokens: a check, not a result")
     parser.add_argument("--rounds", type=int)
     parser.add_argument("--tokens", type=int)
+    parser.add_argument("--report-only", action="store_true", help="rewrite the report from bench/out/raw.json")
     a = parser.parse_args()
     a.rounds = a.rounds or (2 if a.quick else 3)
     a.tokens = a.tokens or (32 if a.quick else 128)
@@ -453,18 +454,29 @@ def main():
     a.alternations = 1 if a.quick else 2
     a.package = os.path.isfile(os.path.join(PACKAGE, "velmora", "__init__.py"))
 
-    info = machine()
-    info["date"] = datetime.now(timezone.utc).strftime("%Y-%m-%d %H:%M UTC")
-    start = time.perf_counter()
-    rounds = measure(a)
-    info["wall_min"] = (time.perf_counter() - start) / 60
-    info["load_end"] = os.getloadavg()
-    os.makedirs(OUT, exist_ok=True)
-    with open(os.path.join(OUT, "raw.json"), "w") as f:
-        json.dump({"machine": info, "options": vars(a), "rounds": rounds}, f, indent=1)
+    raw = os.path.join(OUT, "raw.json")
+    if a.report_only:  # the report of the last run again, e.g. after a change to the report itself
+        with open(raw) as f:
+            saved = json.load(f)
+        info, rounds = saved["machine"], saved["rounds"]
+        a = argparse.Namespace(**saved["options"])
+    else:
+        info = machine()
+        info["date"] = datetime.now(timezone.utc).strftime("%Y-%m-%d %H:%M UTC")
+        start = time.perf_counter()
+        rounds = measure(a)
+        info["wall_min"] = (time.perf_counter() - start) / 60
+        info["load_end"] = os.getloadavg()
+        os.makedirs(OUT, exist_ok=True)
+        with open(raw, "w") as f:
+            json.dump({"machine": info, "options": vars(a), "rounds": rounds}, f, indent=1)
     s = summarize(rounds, a.tokens)
     write_results(a, s, info, os.path.join(HERE, "RESULTS.md"))
     chart = {k: [v.median, v.low, v.high] for k, v in s.items() if isinstance(v, Spread)}
+    for key, name in [("share_stream", "`StreamModel`"), ("share_query", "`QueryModel` (LLM)"),
+                      ("share_whisper", "`QueryModel` (Whisper)")]:
+        share = s["outside_ms"][name][1]
+        chart[key] = [share.median, share.low, share.high]
     with open(os.path.join(OUT, "ratios.json"), "w") as f:
         json.dump(chart, f)
     print(open(os.path.join(HERE, "RESULTS.md")).read())
