@@ -13,7 +13,8 @@ if [[ "${1:-}" == "--lsan" ]]; then
   cycles=${2:-20}
   # Only third-party libraries are suppressed: anything our library or the
   # host allocated and lost is reported.
-  ASAN_OPTIONS=detect_leaks=1 \
+  # Full unwinding, so that every allocation names the library it came from.
+  TBB_ENABLE_SANITIZERS=1 ASAN_OPTIONS=detect_leaks=1:fast_unwind_on_malloc=0 \
   LSAN_OPTIONS=suppressions=$PWD/tests/sanitizers/lsan.supp:print_suppressions=1 \
     build-asan/tests/leak_cycle "build-asan/src/$library" models "$cycles" 2> >(grep -v '^E0000\|^WARNING: All log' >&2)
 else
