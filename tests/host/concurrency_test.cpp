@@ -92,14 +92,17 @@ int OnPiece(char* piece) {
     return 0;
 }
 
-int32_t Stream(void* handle, const char* prompt, size_t holdAt) {
-    {
-        std::lock_guard<std::mutex> lock(state.mutex);
-        state.text.clear();
-        state.pieces = 0;
-        state.holdAt = holdAt;
-        state.released = false;
-    }
+// Resets what the host function saw; called before any thread that waits on
+// the stream starts, so none can take the previous stream's state for this one's.
+void Expect(size_t holdAt) {
+    std::lock_guard<std::mutex> lock(state.mutex);
+    state.text.clear();
+    state.pieces = 0;
+    state.holdAt = holdAt;
+    state.released = false;
+}
+
+int32_t Stream(void* handle, const char* prompt) {
     state.returned = false;
     const int32_t status = Llm().StreamModel(handle, const_cast<char*>(prompt), OnPiece);
     state.returned = true;
@@ -147,18 +150,20 @@ TEST(Concurrency, TwoLlmHandlesGenerateOnTwoThreadsAsTheyWouldAlone) {
 // calls never overlap and all of them end before StreamModel returns.
 TEST(Concurrency, AThousandCancelsDuringOneStreamStopItOnceAndAreForgotten) {
     void* handle = NewLlm(200);
-    ASSERT_EQ(Stream(handle, "Once upon a time", 0), 0);
+    Expect(0);
+    ASSERT_EQ(Stream(handle, "Once upon a time"), 0);
     const std::string full = state.text;
     const size_t holdAt = 6;
     ASSERT_GT(state.pieces, 4 * holdAt);
 
     std::atomic<int> accepted{0};
+    Expect(holdAt);
     std::thread canceller([&] {
         WhenHeld([&] {
             for (int i = 0; i < 1000; ++i) accepted += Llm().CancelModel(handle) == 0;
         });
     });
-    EXPECT_EQ(Stream(handle, "Once upon a time", holdAt), 0);
+    EXPECT_EQ(Stream(handle, "Once upon a time"), 0);
     canceller.join();
     EXPECT_EQ(accepted.load(), 1000);
     EXPECT_EQ(state.pieces, holdAt);
@@ -173,15 +178,17 @@ TEST(Concurrency, AThousandCancelsDuringOneStreamStopItOnceAndAreForgotten) {
             ++calls;
         }
     };
+    Expect(0);
     std::thread c1(hammer), c2(hammer);
-    EXPECT_EQ(Stream(handle, "Once upon a time", 0), 0);
+    EXPECT_EQ(Stream(handle, "Once upon a time"), 0);
     streaming = false;
     c1.join();
     c2.join();
     EXPECT_EQ(full.rfind(state.text, 0), 0u);
 
     // The next stream clears the flag the storm left raised and runs to its end.
-    ASSERT_EQ(Stream(handle, "Once upon a time", 0), 0);
+    Expect(0);
+    ASSERT_EQ(Stream(handle, "Once upon a time"), 0);
     EXPECT_EQ(state.text, full);
     EXPECT_FALSE(state.overlapped);
     EXPECT_EQ(state.afterReturn.load(), 0);
@@ -193,8 +200,9 @@ TEST(Concurrency, AHandleIsDestroyedRightAfterItsCancelledGeneration) {
     // A stream held mid-way, cancelled from another thread, destroyed by the
     // generating thread as soon as StreamModel returns.
     void* handle = NewLlm(200);
+    Expect(3);
     std::thread canceller([&] { WhenHeld([&] { EXPECT_EQ(Llm().CancelModel(handle), 0); }); });
-    EXPECT_EQ(Stream(handle, "Once upon a time", 3), 0);
+    EXPECT_EQ(Stream(handle, "Once upon a time"), 0);
     canceller.join();
     EXPECT_EQ(state.pieces, 3u);
     EXPECT_EQ(Llm().DestroyModel(handle), 0);
