@@ -25,7 +25,8 @@
  *   stay valid after DestroyModel. Never free them with your own allocator.
  *   A getter of an empty list writes 0 to the count, leaves the array
  *   out-parameter untouched and allocates nothing.
- * - Threads: every slot runs on the caller's thread. Slots of one handle must
+ * - Threads: every slot runs on the caller's thread (StreamModel's onText
+ *   excepted, see there). Slots of one handle must
  *   not overlap, with one exception: CancelModel may be called from any
  *   thread at any time, also while QueryModel or StreamModel of that handle
  *   runs; it only raises an atomic flag and never blocks. Distinct handles
@@ -85,8 +86,10 @@ typedef struct LlmApiBase {
      * assertion / other error); 4 / 5 generation failed (runtime assertion /
      * other error). */
     int32_t (*QueryModel)(void* handle, const char* prompt, char** outText);
-    /* 3: Generates from one prompt, handing each piece to onText on the calling
-     * thread. Returns 0 also when onText or CancelModel stopped it; 1 on a null
+    /* 3: Generates from one prompt, handing each piece to onText. The runtime
+     * may call onText on a streaming thread of its own rather than the calling
+     * thread; the calls never overlap and all end before StreamModel returns.
+     * Returns 0 also when onText or CancelModel stopped it; 1 on a null
      * handle, invalid settings or a generation failure. */
     int32_t (*StreamModel)(void* handle, char* prompt, TextCallback onText);
     /* 4: Releases a Text from QueryModel; NULL allowed. Always 0. Slots 4 and

@@ -1,20 +1,24 @@
 #!/usr/bin/env bash
 # Builds the libFuzzer targets with clang into build-fuzz and runs each for the
 # given number of seconds (default 600), then prints how many inputs it ran.
-#   scripts/fuzz.sh [seconds]
+# The corpus of each target grows in build-fuzz/corpus/ from run to run.
+#   scripts/fuzz.sh [seconds] [target...]      (default: every target)
+#     value_text_fuzzer     value conversions, settings by name on plain configs
+#     llm_slots_fuzzer      the LLM settings and stop-string/stop-token slots
+#     whisper_slots_fuzzer  the Whisper settings, language-map and suppression-list slots
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${1:-600}
+shift || true
 
 if ! command -v clang++ >/dev/null; then
   echo "clang++ is missing: apt-get install clang" >&2
   exit 1
 fi
 
-cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-  -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
-  -DVELMORA_BUILD_TESTS=ON -DVELMORA_BUILD_FUZZERS=ON >/dev/null
-fuzzers=(value_text_fuzzer)
+cmake --preset fuzz >/dev/null
+fuzzers=("$@")
+if ((${#fuzzers[@]} == 0)); then fuzzers=(value_text_fuzzer llm_slots_fuzzer whisper_slots_fuzzer); fi
 cmake --build build-fuzz --target "${fuzzers[@]}"
 
 status=0

@@ -85,10 +85,20 @@ DecodedResults LLMPipeline::generate(const StringInputs& inputs, const OptionalG
     return WithRuntime([&] {
         py::object pyInputs = std::visit([](const auto& value) { return py::object(py::cast(value)); }, inputs);
         py::object config = generation_config ? ToRuntime(*generation_config) : py::none();
+        if (!std::holds_alternative<std::monostate>(streamer)) EnsureDetokenizer();
         py::object results = RunGenerate(object_->get(), pyInputs, config, streamer);
         if (py::isinstance<py::str>(results)) return DecodedResults{{results.cast<std::string>()}, {}};
         return DecodedResults{Texts(results), Scores(results)};
     });
+}
+
+// The runtime decodes streamed tokens on a thread of its own, where a missing
+// detokenizer ends the process instead of the call. Decoding nothing here
+// raises the same assertion where it can be reported.
+void LLMPipeline::EnsureDetokenizer() {
+    if (decodes_) return;
+    object_->get().attr("get_tokenizer")().attr("decode")(py::list());
+    decodes_ = true;
 }
 
 GenerationConfig LLMPipeline::get_generation_config() const {
@@ -112,12 +122,13 @@ WhisperDecodedResults WhisperPipeline::generate(const std::vector<float>& raw_sp
                                                 const std::optional<WhisperGenerationConfig>& generation_config,
                                                 const StreamerVariant& streamer) {
     return WithRuntime([&] {
-        // A view of the caller's samples, not a copy: the runtime reads them during this call only.
-        // An empty vector may have no storage at all, which a view cannot wrap.
-        py::array_t<float> samples = raw_speech.empty()
-            ? py::array_t<float>(0)
-            : py::array_t<float>(static_cast<py::ssize_t>(raw_speech.size()), raw_speech.data(),
-                                 py::capsule(raw_speech.data(), [](void*) {}));
+        // A view of the caller's samples, not a copy: the runtime reads them during
+        // this call only. An empty block has no data to view (and a capsule may not
+        // hold null), so it goes as an empty array of its own for the runtime to judge.
+        py::array_t<float> samples =
+            raw_speech.empty() ? py::array_t<float>(0)
+                               : py::array_t<float>(static_cast<py::ssize_t>(raw_speech.size()), raw_speech.data(),
+                                                    py::capsule(raw_speech.data(), [](void*) {}));
         py::object config = generation_config ? ToRuntime(*generation_config) : py::none();
         py::object results = RunGenerate(object_->get(), samples, config, streamer);
         return WhisperDecodedResults{Texts(results), Scores(results)};

@@ -56,7 +56,10 @@ public:
     Tokenizer get_tokenizer();
 
 private:
+    void EnsureDetokenizer();
+
     std::shared_ptr<RuntimeObject> object_;
+    bool decodes_ = false;  // the tokenizer was seen to decode
 };
 
 class WhisperPipeline {

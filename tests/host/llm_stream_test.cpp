@@ -99,6 +99,12 @@ TEST(LlmStream, ACancelFromAnotherThreadLetsNoFurtherPieceThrough) {
     const size_t pauseAt = 8;
     ASSERT_GT(seen.pieces.size(), 3 * pauseAt);
 
+    {
+        // The canceller must not take the previous stream's end for this one's.
+        std::lock_guard<std::mutex> lock(seen.mutex);
+        seen.pieces.clear();
+        seen.done = false;
+    }
     Clock::duration took{};
     std::thread canceller([&] {
         std::unique_lock<std::mutex> lock(seen.mutex);

@@ -1,0 +1,319 @@
+// Faults a host can cause: broken model directories, prompts, settings and
+// audio the runtime cannot take. Each must end in the documented status with
+// one clear message, and leave the handles and the family usable.
+#include <gtest/gtest.h>
+#include <sys/fsuid.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <climits>
+#include <cmath>
+#include <fstream>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "harness.h"
+
+namespace fs = std::filesystem;
+using host::Callbacks;
+using host::InboxOf;
+using host::Llm;
+using host::LlmModel;
+using host::Pair;
+using host::Whisper;
+
+namespace {
+
+bool Contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+
+// A copy of a model directory without the files named in `drop`.
+fs::path CopyWithout(const host::TempDir& dir, const std::string& model, const std::vector<std::string>& drop,
+                     const std::string& name) {
+    const fs::path target = dir.path() / name;
+    fs::create_directories(target);
+    for (const fs::directory_entry& entry : fs::directory_iterator(host::ModelDir(model))) {
+        bool dropped = false;
+        for (const std::string& file : drop) dropped |= entry.path().filename() == file;
+        if (!dropped) fs::copy_file(entry.path(), target / entry.path().filename());
+    }
+    return target;
+}
+
+// InitModel's single message for a load that must fail; the handle stays unwritten.
+std::string LlmInitError(const fs::path& dir) {
+    host::ClearInboxes();
+    void* const sentinel = reinterpret_cast<void*>(0x5eed);
+    void* handle = sentinel;
+    EXPECT_EQ(Llm().InitModel(dir.c_str(), DEVICE_CPU, 8, &handle, &Callbacks(Pair::A)), 1);
+    EXPECT_EQ(handle, sentinel);
+    EXPECT_EQ(InboxOf(Pair::A).errors.size(), 1u);
+    return InboxOf(Pair::A).errors.empty() ? "" : InboxOf(Pair::A).errors.front();
+}
+
+std::string WhisperInitError(const fs::path& dir) {
+    host::ClearInboxes();
+    void* const sentinel = reinterpret_cast<void*>(0x5eed);
+    void* handle = sentinel;
+    EXPECT_EQ(Whisper().InitModel(dir.c_str(), DEVICE_CPU, &handle, &Callbacks(Pair::B)), 1);
+    EXPECT_EQ(handle, sentinel);
+    EXPECT_EQ(InboxOf(Pair::B).errors.size(), 1u);
+    return InboxOf(Pair::B).errors.empty() ? "" : InboxOf(Pair::B).errors.front();
+}
+
+// The status of a slot call and the one message it reported through pair A.
+std::pair<int32_t, std::string> Reported(Pair pair, const std::function<int32_t()>& call) {
+    host::ClearInboxes();
+    const int32_t status = call();
+    const std::vector<std::string>& errors = InboxOf(pair).errors;
+    EXPECT_LE(errors.size(), 1u);
+    if (status == 0) EXPECT_TRUE(errors.empty());
+    return {status, errors.empty() ? "" : errors.front()};
+}
+
+int piecesSeen = 0;
+int CountPiece(char*) {
+    ++piecesSeen;
+    return 0;
+}
+
+int32_t Stream(void* handle, const char* prompt) {
+    piecesSeen = 0;
+    return Llm().StreamModel(handle, const_cast<char*>(prompt), CountPiece);
+}
+
+// Drops file-system privileges on this thread only, so that permissions
+// apply also when the tests run as root.
+class WithoutPrivileges {
+public:
+    WithoutPrivileges() : root_(geteuid() == 0) {
+        if (root_) setfsuid(65534);
+    }
+    ~WithoutPrivileges() {
+        if (root_) setfsuid(0);
+    }
+
+private:
+    bool root_;
+};
+
+// A Whisper handle on the CPU reporting through pair B, decoding at most
+// `maxTokens` tokens per block so the tiny model stays quick.
+class WhisperModel {
+public:
+    WhisperModel(const fs::path& dir, int maxTokens) {
+        host::ClearInboxes();
+        EXPECT_EQ(Whisper().InitModel(dir.c_str(), DEVICE_CPU, &handle_, &Callbacks(Pair::B)), 0);
+        EXPECT_EQ(Whisper().SetConfigProperty(handle_, "max_new_tokens", std::to_string(maxTokens).c_str()), 0);
+    }
+    ~WhisperModel() { Whisper().DestroyModel(handle_); }
+    void* handle() const { return handle_; }
+
+    // QueryModel's status, with the text or the one message in `result`.
+    int32_t Query(const float* samples, int32_t count, std::string& result) {
+        char* const untouched = reinterpret_cast<char*>(0x1);
+        char* text = untouched;
+        auto [status, message] = Reported(Pair::B, [&] { return Whisper().QueryModel(handle_, samples, count, &text); });
+        if (status == 0) {
+            result = text;
+            Whisper().FreeQueryResult(text);
+        } else {
+            EXPECT_EQ(text, untouched);
+            EXPECT_FALSE(message.empty());
+            result = message;
+        }
+        return status;
+    }
+
+private:
+    void* handle_ = nullptr;
+};
+
+std::vector<float> Tone(size_t samples) {
+    std::vector<float> audio(samples);
+    for (size_t i = 0; i < samples; ++i) audio[i] = 0.3f * std::sin(2 * M_PI * 440 * i / 16000.0);
+    return audio;
+}
+
+}  // namespace
+
+TEST(LlmFaults, BrokenModelFilesAreRefusedWithTheRuntimesReason) {
+    LlmModel before(host::ModelDir("tiny-llm"), 8);
+    std::string expected;
+    ASSERT_EQ(before.Query("Once upon a time", expected), 0);
+
+    host::TempDir dir;
+    EXPECT_TRUE(Contains(LlmInitError(CopyWithout(dir, "tiny-llm", {"openvino_model.xml"}, "no-xml")),
+                         "Could not find a model in the directory"));
+    EXPECT_TRUE(Contains(LlmInitError(CopyWithout(dir, "tiny-llm", {"openvino_model.bin"}, "no-bin")),
+                         "bin file cannot be found"));
+    const fs::path garbled = CopyWithout(dir, "tiny-llm", {}, "garbled-xml");
+    std::ofstream(garbled / "openvino_model.xml", std::ios::trunc) << "<net name=";
+    EXPECT_TRUE(Contains(LlmInitError(garbled), "Unable to read the model"));
+    const fs::path truncated = CopyWithout(dir, "tiny-llm", {}, "truncated-bin");
+    fs::resize_file(truncated / "openvino_model.bin", fs::file_size(truncated / "openvino_model.bin") / 2);
+    EXPECT_TRUE(Contains(LlmInitError(truncated), "Incorrect weights in bin file"));
+
+    // Neither the failed loads nor their messages touched a working handle.
+    std::string after;
+    ASSERT_EQ(before.Query("Once upon a time", after), 0);
+    EXPECT_EQ(after, expected);
+}
+
+TEST(LlmFaults, AnUnreadableDirectoryIsReportedAsSuch) {
+    host::TempDir dir;
+    const fs::path model = CopyWithout(dir, "tiny-llm", {}, "model");
+    fs::permissions(model, fs::perms::none);
+    std::string message;
+    {
+        WithoutPrivileges unprivileged;
+        message = LlmInitError(model);
+    }
+    EXPECT_TRUE(Contains(message, "Permission denied")) << message;
+    // A directory whose parent may not be searched cannot even be looked at.
+    fs::permissions(model, fs::perms::owner_all);
+    fs::permissions(dir.path(), fs::perms::none);
+    {
+        WithoutPrivileges unprivileged;
+        message = LlmInitError(model);
+    }
+    EXPECT_EQ(message, "filesystem error: status: Permission denied [" + model.string() + "]");
+    fs::permissions(dir.path(), fs::perms::owner_all);
+    LlmModel readable(model, 8);
+    std::string text;
+    EXPECT_EQ(readable.Query("Once upon a time", text), 0);
+}
+
+// The runtime loads a pipeline without its tokenizer or detokenizer and fails
+// only when one is needed. Without a detokenizer the runtime's streaming
+// thread used to throw past its own frames and end the whole process.
+TEST(LlmFaults, AMissingTokenizerFailsEachUseAndNotTheProcess) {
+    host::TempDir dir;
+    LlmModel noTokenizer(CopyWithout(dir, "tiny-llm", {"openvino_tokenizer.xml", "openvino_tokenizer.bin"}, "a"), 8);
+    std::string message;
+    EXPECT_EQ(noTokenizer.Query("Hello", message), 4);
+    EXPECT_TRUE(Contains(message, "An OpenVINO assertion occurred while querying the model: Check "));
+    EXPECT_TRUE(Contains(message, "openvino_tokenizer.xml was not provided")) << message;
+    int64_t* ids = nullptr;
+    size_t count = 0;
+    auto [status, text] = Reported(Pair::A, [&] { return Llm().Tokenize(noTokenizer.handle(), "Hello", &ids, &count); });
+    EXPECT_EQ(status, 1);
+    EXPECT_TRUE(Contains(text, "Tokenizer::encode is not available")) << text;
+
+    LlmModel noDetokenizer(
+        CopyWithout(dir, "tiny-llm", {"openvino_detokenizer.xml", "openvino_detokenizer.bin"}, "b"), 8);
+    EXPECT_EQ(noDetokenizer.Query("Hello", message), 4);
+    const std::string reason = "Detokenizer model has not been provided";
+    EXPECT_TRUE(Contains(message, "An OpenVINO assertion occurred while querying the model: Check ")) << message;
+    EXPECT_TRUE(Contains(message, reason)) << message;
+    std::tie(status, text) = Reported(Pair::A, [&] { return Stream(noDetokenizer.handle(), "Hello"); });
+    EXPECT_EQ(status, 1);
+    EXPECT_EQ(piecesSeen, 0);
+    EXPECT_TRUE(Contains(text, reason)) << text;
+    // Tokenizing needs no detokenizer.
+    ASSERT_EQ(Llm().Tokenize(noDetokenizer.handle(), "Hello", &ids, &count), 0);
+    EXPECT_GT(count, 0u);
+    Llm().FreeTokens(ids);
+}
+
+TEST(LlmFaults, PromptsAndSettingsTheRuntimeCannotTakeLeaveTheHandleUsable) {
+    LlmModel model(host::ModelDir("tiny-llm"), 4);
+    std::string expected, result;
+    ASSERT_EQ(model.Query("Once upon a time", expected), 0);
+
+    // Far longer than the context length, which bounds only the new tokens on the CPU.
+    std::string longPrompt;
+    for (int i = 0; i < 1000; ++i) longPrompt += "once upon a time ";
+    EXPECT_EQ(model.Query(longPrompt.c_str(), result), 0) << result;
+    EXPECT_FALSE(result.empty());
+
+    const std::string reason = "'utf-8' codec can't decode byte 0xff in position 2: invalid start byte";
+    EXPECT_EQ(model.Query("ab\xff\xfe", result), 5);
+    EXPECT_EQ(result, "An unknown error occurred while querying the model: " + reason);
+    auto [status, message] = Reported(Pair::A, [&] { return Stream(model.handle(), "ab\xff\xfe"); });
+    EXPECT_EQ(status, 1);
+    EXPECT_EQ(message, reason);
+    EXPECT_EQ(piecesSeen, 0);
+    int64_t* ids = nullptr;
+    size_t count = 0;
+    std::tie(status, message) = Reported(Pair::A, [&] { return Llm().Tokenize(model.handle(), "ab\xff\xfe", &ids, &count); });
+    EXPECT_EQ(status, 1);
+    EXPECT_EQ(message, reason);
+
+    std::tie(status, message) = Reported(Pair::A, [&] { return Llm().SetConfigProperty(model.handle(), "\xff", "1"); });
+    EXPECT_EQ(status, 1);
+    EXPECT_EQ(message, "An error occurred setting property \xff. Property name not supported.");
+    std::tie(status, message) = Reported(Pair::A, [&] { return Llm().SetConfigProperty(model.handle(), "top_k", "\xff"); });
+    EXPECT_EQ(status, 1);
+    EXPECT_EQ(message, "An error occurred setting property top_k with value \xff: invalid stoi argument");
+    std::tie(status, message) =
+        Reported(Pair::A, [&] { return Llm().SetConfigProperty(model.handle(), "stop_criteria", "\xff"); });
+    EXPECT_EQ(status, 1);
+    EXPECT_EQ(message, "");
+
+    ASSERT_EQ(model.Query("Once upon a time", result), 0);
+    EXPECT_EQ(result, expected);
+}
+
+TEST(WhisperFaults, BrokenModelFilesAreRefusedOrFailEachUse) {
+    host::TempDir dir;
+    EXPECT_TRUE(Contains(WhisperInitError(CopyWithout(dir, "tiny-whisper", {"openvino_encoder_model.xml"}, "a")),
+                         "Could not open the file"));
+    const fs::path garbled = CopyWithout(dir, "tiny-whisper", {}, "b");
+    std::ofstream(garbled / "openvino_decoder_model.xml", std::ios::trunc) << "<net name=";
+    EXPECT_TRUE(Contains(WhisperInitError(garbled), "Unable to read the model"));
+
+    const std::vector<float> audio = Tone(16000);
+    std::string result;
+    WhisperModel noDetokenizer(
+        CopyWithout(dir, "tiny-whisper", {"openvino_detokenizer.xml", "openvino_detokenizer.bin"}, "c"), 4);
+    EXPECT_EQ(noDetokenizer.Query(audio.data(), 16000, result), 1);
+    EXPECT_TRUE(Contains(result, "Detokenizer model has not been provided")) << result;
+    // Transcription decodes only, so the tokenizer itself is not needed.
+    WhisperModel noTokenizer(CopyWithout(dir, "tiny-whisper", {"openvino_tokenizer.xml", "openvino_tokenizer.bin"}, "d"), 4);
+    EXPECT_EQ(noTokenizer.Query(audio.data(), 16000, result), 0) << result;
+}
+
+TEST(WhisperFaults, AudioAndSettingsTheRuntimeCannotTakeLeaveTheHandleUsable) {
+    WhisperModel model(host::ModelDir("tiny-whisper"), 4);
+    const std::vector<float> audio = Tone(16000);
+    std::string expected, result;
+    ASSERT_EQ(model.Query(audio.data(), 16000, expected), 0);
+
+    // No samples reach the runtime as an empty block, which it refuses itself.
+    const std::string tooShort = "raw_speech too short for reflect padding: size=0, required > 200";
+    EXPECT_EQ(model.Query(nullptr, 0, result), 1);
+    EXPECT_TRUE(Contains(result, tooShort)) << result;
+    EXPECT_EQ(model.Query(audio.data(), 0, result), 1);
+    EXPECT_TRUE(Contains(result, tooShort)) << result;
+    EXPECT_EQ(model.Query(audio.data(), 1, result), 1);
+    EXPECT_TRUE(Contains(result, "raw_speech too short for reflect padding: size=1")) << result;
+    for (int32_t count : {-1, -16000, INT32_MIN}) {
+        EXPECT_EQ(model.Query(audio.data(), count, result), 1);
+        EXPECT_EQ(result, "vector too long");
+    }
+    // Ten minutes: decoded window by window, which takes the tiny model's
+    // random timestamps minutes; a cancel ends it with the text so far.
+    const std::vector<float> longAudio = Tone(16000 * 600);
+    std::thread canceller([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(500));
+        Whisper().CancelModel(model.handle());
+    });
+    EXPECT_EQ(model.Query(longAudio.data(), static_cast<int32_t>(longAudio.size()), result), 0) << result;
+    canceller.join();
+
+    // A language that is no text fails the transcription, not the setter.
+    auto [status, message] = Reported(Pair::B, [&] { return Whisper().SetConfigProperty(model.handle(), "language", "\xff"); });
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(model.Query(audio.data(), 16000, result), 1);
+    EXPECT_TRUE(Contains(result, "'utf-8' codec can't decode byte 0xff")) << result;
+    std::tie(status, message) = Reported(Pair::B, [&] { return Whisper().SetConfigProperty(model.handle(), "language", "<|en|>"); });
+    EXPECT_EQ(status, 0);
+
+    EXPECT_EQ(model.Query(audio.data(), 16000, result), 0) << result;
+    LangIdPair weird[] = {{const_cast<char*>("\xff\xfe"), 5}, {const_cast<char*>(""), 6}};
+    EXPECT_EQ(Whisper().SetLangToId(model.handle(), weird, 2), 0);
+    EXPECT_EQ(model.Query(audio.data(), 16000, result), 1);
+    EXPECT_FALSE(result.empty());
+}

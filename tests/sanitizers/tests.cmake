@@ -1,0 +1,30 @@
+# Which tests a sanitizer build runs, and with what options. Included by
+# tests/CMakeLists.txt when VELMORA_SANITIZE is set.
+set(supp ${CMAKE_CURRENT_LIST_DIR})
+# The runtime's TBB loads its topology helper with RTLD_DEEPBIND, which the
+# sanitizer runtimes refuse; this variable makes TBB load it without.
+set(tbb "TBB_ENABLE_SANITIZERS=1")
+
+if(VELMORA_SANITIZE STREQUAL "address")
+  # The Python hosts are an uninstrumented interpreter loading an instrumented
+  # library, and the installed example an uninstrumented program doing the
+  # same: each would need the ASan runtime preloaded, so they are left out.
+  set_tests_properties(python_host python_package install_example PROPERTIES DISABLED TRUE)
+  set_tests_properties(cli PROPERTIES ENVIRONMENT "${tbb};ASAN_OPTIONS=detect_leaks=0")
+  set(ubsan "UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1")
+  set(asan "strict_string_checks=1:check_initialization_order=1")
+  set_tests_properties(unit_tests c_host PROPERTIES ENVIRONMENT
+    "${tbb};ASAN_OPTIONS=${asan}:detect_leaks=1;LSAN_OPTIONS=suppressions=${supp}/lsan.supp;${ubsan}")
+  # Leaks of the host tests are judged by the leak cycle (scripts/leak.sh
+  # --lsan), which unwinds every allocation fully: with the fast unwinder the
+  # runtime's allocations lose the frames that name their library.
+  set_tests_properties(host_tests PROPERTIES ENVIRONMENT "${tbb};ASAN_OPTIONS=${asan}:detect_leaks=0;${ubsan}")
+elseif(VELMORA_SANITIZE STREQUAL "thread")
+  # Only the tests where threads meet: cancels during generation, handles
+  # working side by side. The rest is single-threaded and covered by ASan.
+  set_tests_properties(unit_tests host_tests c_host python_host exported_symbols cli python_package install_example
+    PROPERTIES DISABLED TRUE)
+  add_test(NAME host_concurrency COMMAND host_tests --gtest_filter=LlmStream.*:Concurrency*)
+  set_tests_properties(host_concurrency PROPERTIES ENVIRONMENT
+    "${tbb};TSAN_OPTIONS=suppressions=${supp}/tsan.supp:halt_on_error=0:second_deadlock_stack=1:report_signal_unsafe=0")
+endif()
