@@ -144,17 +144,9 @@ TEST(WhisperQuery, OneTextPerTranscriptionEvenWithTimestamps) {
     EXPECT_TRUE(InboxOf(Pair::A).errors.empty());
 }
 
-TEST(WhisperQuery, FailuresAreStatusOneAndLeaveTheHandleUsable) {
+TEST(WhisperQuery, StoredSettingsAreJudgedByTheNextValidation) {
     WhisperModel model;
     model.Set("max_new_tokens", "4");
-    char* text = nullptr;
-    // A zero count reads no samples; the runtime judges the empty audio.
-    EXPECT_EQ(Whisper().QueryModel(model.handle(), nullptr, 0, &text), 1);
-    const std::string empty = TakeError();
-    EXPECT_EQ(empty.rfind("Check 'raw_speech.size() > n_fft / 2' failed at ", 0), 0u) << empty;
-    EXPECT_EQ(Whisper().QueryModel(model.handle(), Tone().data(), -1, &text), 1);
-    EXPECT_EQ(TakeError(), "vector too long");
-
     // Settings are stored as given and refused only by the next validation.
     model.Set("language", "xyz");
     std::string message;
@@ -168,7 +160,6 @@ TEST(WhisperQuery, FailuresAreStatusOneAndLeaveTheHandleUsable) {
 
     model.Set("task", "transcribe");
     EXPECT_EQ(model.Transcribe(Tone(), message), 0) << message;
-    EXPECT_EQ(text, nullptr);
 }
 
 TEST(WhisperQuery, CancelEndsARunningTranscriptionButNotTheNextOne) {
