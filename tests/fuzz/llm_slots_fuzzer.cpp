@@ -107,13 +107,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const auto table = velmora::LlmPropertyTable();
     while (input.remaining_bytes() > 0) {
         switch (input.ConsumeIntegralInRange<int>(0, 3)) {
-            case 0: {
-                const std::string name = input.ConsumeBool()
-                                             ? table.rows[input.ConsumeIntegralInRange<size_t>(0, table.size - 1)].name
-                                             : fuzzing::HostString(input.ConsumeRandomLengthString(32));
-                SetAndGet(handle, name, fuzzing::HostString(input.ConsumeRandomLengthString(48)));
+            case 0:
+                fuzzing::Setting(input, table, [&](const std::string& name, const std::string& value) {
+                    SetAndGet(handle, name, value);
+                });
                 break;
-            }
             case 1:
                 StopStrings(handle, input, stops);
                 break;

@@ -3,6 +3,8 @@
 // it), with the messages they report captured and checked.
 #pragma once
 
+#include <fuzzer/FuzzedDataProvider.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -44,5 +46,15 @@ inline std::string Outcome(int32_t status) {
 
 // Host strings end at their first NUL.
 inline std::string HostString(const std::string& bytes) { return std::string(bytes.c_str()); }
+
+// A setting name (a known one or arbitrary bytes) and an arbitrary value,
+// handed to the family's set-then-get check.
+template <class Table, class SetAndGet>
+void Setting(FuzzedDataProvider& input, const Table& table, SetAndGet&& setAndGet) {
+    const std::string name = input.ConsumeBool()
+                                 ? table.rows[input.ConsumeIntegralInRange<size_t>(0, table.size - 1)].name
+                                 : HostString(input.ConsumeRandomLengthString(32));
+    setAndGet(name, HostString(input.ConsumeRandomLengthString(48)));
+}
 
 }  // namespace fuzzing
