@@ -236,6 +236,21 @@ def with_capture(module, class_name, init):
         setattr(module, class_name, runtime_class)
 
 
+def alternate(runs, reps, out, after=None):
+    """Runs each path once per rep, rotating the order so no path always runs
+    first, and appends each run's seconds to out[name]; after(name, result)
+    sees what the run returned."""
+    for rep in range(reps):
+        order = list(runs.items())
+        order = order[rep % len(order):] + order[:rep % len(order)]
+        for name, run in order:
+            start = clock()
+            result = run()
+            out[name].append(clock() - start)
+            if after:
+                after(name, result)
+
+
 def streamer_call_us(streamer, batches=30, per_batch=20000):
     """Per-call cost of calling `streamer` with a typical piece."""
     piece = " colors"
@@ -282,15 +297,10 @@ def run_pieces(a):
     out["path_library_us"] = streamer_call_us(library_streamer)
     out["path_calls_reached_host"] = noop.velmora_bench_piece_count()
     out["path_python_noop_us"] = streamer_call_us(PieceClock())
-    for round_ in range(a.reps):
-        order = list(runs.items())
-        order = order[round_ % 3:] + order[:round_ % 3]  # rotate so no path always runs first
-        for name, run in order:
-            start = clock()
-            count = run()
-            out[name].append(clock() - start)
-            if count:
-                out[name + "_pieces"] = count
+    def keep_count(name, count):
+        if count:
+            out[name + "_pieces"] = count
+    alternate(runs, a.reps, out, keep_count)
     lib.llm.DestroyModel(handle)
     del pipeline
     if a.llm_model:
@@ -364,15 +374,10 @@ def llm_alternation(a, lib, openvino_genai, noop):
         runs.update(llm_package_stream=package_stream, llm_package_query=package_query)
     out.update({name: [] for name in runs})
     out.update(llm_library_stream_outside_s=[], llm_library_query_outside_s=[])
-    for rep in range(a.llm_reps):
-        order = list(runs.items())
-        order = order[rep % len(order):] + order[:rep % len(order)]
-        for name, run in order:
-            start = clock()
-            run()
-            out[name].append(clock() - start)
-            if name.startswith("llm_library"):
-                out[name + "_outside_s"].append(out[name][-1] - CapturingPipeline.inner_s)
+    def outside(name, _):
+        if name.startswith("llm_library"):
+            out[name + "_outside_s"].append(out[name][-1] - CapturingPipeline.inner_s)
+    alternate(runs, a.llm_reps, out, outside)
     for key in ("llm_library_pieces", "llm_direct_pieces", "llm_package_pieces"):
         if key in out:  # the short runs below overwrite the counts
             out[key.replace("_pieces", "_stream_pieces")] = out[key]
@@ -432,15 +437,10 @@ def whisper_alternation(a, lib, openvino_genai):
     library(32000)  # warm-up on two seconds, both paths
     pipeline.generate(samples[:32000])
     out = {name: [] for name in runs}
-    for rep in range(a.whisper_reps):
-        order = list(runs.items())
-        order = order[rep % len(order):] + order[:rep % len(order)]
-        for name, run in order:
-            start = clock()
-            run()
-            out[name].append(clock() - start)
-            if name == "whisper_library":
-                out.setdefault("whisper_library_outside_s", []).append(out[name][-1] - CapturingPipeline.inner_s)
+    def outside(name, _):
+        if name == "whisper_library":
+            out.setdefault("whisper_library_outside_s", []).append(out[name][-1] - CapturingPipeline.inner_s)
+    alternate(runs, a.whisper_reps, out, outside)
     out["whisper_audio_s"] = len(samples) / 16000.0
     lib.whisper.DestroyModel(handle)
     if package_model is not None:
