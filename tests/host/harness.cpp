@@ -2,10 +2,10 @@
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
+#include <cmath>
 #include <cstdlib>
-#include <fstream>
+#include <mutex>
 #include <sstream>
 #include <stdexcept>
 
@@ -46,6 +46,35 @@ void ErrorTo(const char* m) {
 
 const HostCallbacks pairs[2] = {{LogTo<0>, ErrorTo<0>}, {LogTo<1>, ErrorTo<1>}};
 
+std::string InitError(Pair pair, const char* log, const std::function<int32_t(void**)>& init) {
+    ClearInboxes();
+    void* const sentinel = reinterpret_cast<void*>(0x5eed);
+    void* handle = sentinel;
+    EXPECT_EQ(init(&handle), 1);
+    EXPECT_EQ(handle, sentinel) << "the out-handle is written only on success";
+    const Inbox& inbox = InboxOf(pair);
+    EXPECT_EQ(inbox.logs, std::vector<std::string>{log});
+    EXPECT_EQ(inbox.errors.size(), 1u);
+    return inbox.errors.empty() ? "" : inbox.errors.front();
+}
+
+// A QueryModel of either family: `result` gets the text (already released) or
+// the one message. Checks that a failure writes no out-parameter.
+int32_t TextOrMessage(Pair pair, const std::function<int32_t(char**)>& query, std::string& result) {
+    char* const untouched = reinterpret_cast<char*>(0x1);
+    char* text = untouched;
+    auto [status, message] = Reported(pair, [&] { return query(&text); });
+    if (status == 0) {
+        result = text;
+        EXPECT_EQ(Llm().FreeQueryResult(text), 0);
+    } else {
+        EXPECT_EQ(text, untouched) << "the out-parameter is written only on success";
+        EXPECT_FALSE(message.empty());
+        result = message;
+    }
+    return status;
+}
+
 }  // namespace
 
 const LlmApiBase& Llm() { return TableOf<LlmApiBase>("GetLlmApiBase"); }
@@ -57,21 +86,31 @@ void ClearInboxes() {
     for (Inbox& inbox : inboxes) inbox = Inbox{};
 }
 
+std::pair<int32_t, std::string> Reported(Pair pair, const std::function<int32_t()>& call) {
+    ClearInboxes();
+    const int32_t status = call();
+    const std::vector<std::string>& errors = InboxOf(pair).errors;
+    EXPECT_LE(errors.size(), 1u);
+    if (status == 0) EXPECT_TRUE(errors.empty()) << errors.front();
+    return {status, errors.empty() ? "" : errors.front()};
+}
+
+std::string LlmInitError(const fs::path& dir, int device, int contextLength) {
+    return InitError(Pair::A, "Initializing OpenVINO LLM model...", [&](void** handle) {
+        return Llm().InitModel(dir.c_str(), device, contextLength, handle, &Callbacks(Pair::A));
+    });
+}
+
+std::string WhisperInitError(const fs::path& dir, int device) {
+    return InitError(Pair::B, "Initializing OpenVINO Whisper model...", [&](void** handle) {
+        return Whisper().InitModel(dir.c_str(), device, handle, &Callbacks(Pair::B));
+    });
+}
+
 fs::path ModelDir(const std::string& name) {
     fs::path dir = fs::path(VELMORA_MODELS_DIR) / name;
     if (!fs::is_directory(dir)) throw std::runtime_error(dir.string() + " is missing: run scripts/setup.sh");
     return dir;
-}
-
-TempDir::TempDir() {
-    char pattern[] = "/tmp/velmora-test-XXXXXX";
-    if (mkdtemp(pattern) == nullptr) throw std::runtime_error("mkdtemp failed");
-    path_ = pattern;
-}
-TempDir::~TempDir() { fs::remove_all(path_); }
-void TempDir::Touch(const fs::path& relative) const {
-    fs::create_directories((path_ / relative).parent_path());
-    std::ofstream(path_ / relative) << "x";
 }
 
 fs::path ModelVariant(const TempDir& dir, const std::string& model, const std::string& json) {
@@ -90,6 +129,29 @@ fs::path ModelVariant(const TempDir& dir, const std::string& model, const std::s
     return target;
 }
 
+bool StartsWith(const std::string& text, const std::string& prefix) { return text.rfind(prefix, 0) == 0; }
+bool Contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+
+std::vector<float> Tone(size_t samples, double hertz) {
+    std::vector<float> audio(samples);
+    for (size_t i = 0; i < samples; ++i) audio[i] = 0.3f * std::sin(2 * M_PI * hertz * i / 16000.0);
+    return audio;
+}
+
+std::vector<int64_t> Ids(int32_t (*get)(void*, int64_t**, size_t*), void* handle) {
+    int64_t* const untouched = reinterpret_cast<int64_t*>(0x1);
+    int64_t* ids = untouched;
+    size_t count = 99;
+    EXPECT_EQ(get(handle, &ids, &count), 0);
+    if (count == 0) {
+        EXPECT_EQ(ids, untouched);
+        return {};
+    }
+    std::vector<int64_t> copy(ids, ids + count);
+    EXPECT_EQ(Llm().FreeStopTokens(ids), 0);
+    return copy;
+}
+
 LlmModel::LlmModel(const fs::path& dir, int contextLength) {
     ClearInboxes();
     EXPECT_EQ(Llm().InitModel(dir.c_str(), DEVICE_CPU, contextLength, &handle_, &Callbacks(Pair::A)), 0)
@@ -99,21 +161,27 @@ LlmModel::LlmModel(const fs::path& dir, int contextLength) {
 LlmModel::~LlmModel() { Llm().DestroyModel(handle_); }
 
 int32_t LlmModel::Query(const char* prompt, std::string& result) {
+    return TextOrMessage(Pair::A, [&](char** text) { return Llm().QueryModel(handle_, prompt, text); }, result);
+}
+
+WhisperModel::WhisperModel(const fs::path& dir, int maxNewTokens) {
     ClearInboxes();
-    char* const untouched = reinterpret_cast<char*>(0x1);
-    char* text = untouched;
-    const int32_t status = Llm().QueryModel(handle_, prompt, &text);
-    const std::vector<std::string>& errors = InboxOf(Pair::A).errors;
-    if (status == 0) {
-        result = text;
-        Llm().FreeQueryResult(text);
-        EXPECT_TRUE(errors.empty());
-    } else {
-        EXPECT_EQ(text, untouched) << "the out-parameter is written only on success";
-        EXPECT_EQ(errors.size(), 1u);
-        result = errors.empty() ? "" : errors.front();
-    }
-    return status;
+    EXPECT_EQ(Whisper().InitModel(dir.c_str(), DEVICE_CPU, &handle_, &Callbacks(Pair::B)), 0)
+        << (InboxOf(Pair::B).errors.empty() ? "" : InboxOf(Pair::B).errors.back());
+    if (maxNewTokens > 0) Set("max_new_tokens", std::to_string(maxNewTokens));
+}
+
+WhisperModel::~WhisperModel() { Whisper().DestroyModel(handle_); }
+
+void WhisperModel::Set(const char* name, const std::string& value) {
+    auto [status, message] =
+        Reported(Pair::B, [&] { return Whisper().SetConfigProperty(handle_, name, value.c_str()); });
+    EXPECT_EQ(status, 0) << name << "=" << value << ": " << message;
+}
+
+int32_t WhisperModel::Transcribe(const float* samples, int32_t count, std::string& result) {
+    return TextOrMessage(
+        Pair::B, [&](char** text) { return Whisper().QueryModel(handle_, samples, count, text); }, result);
 }
 
 }  // namespace host

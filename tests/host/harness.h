@@ -2,13 +2,17 @@
 #pragma once
 
 #include <filesystem>
-#include <mutex>
+#include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "../temp_dir.h"
 #include "openvino_bindings.h"
 
 namespace host {
+
+using ::TempDir;
 
 const LlmApiBase& Llm();
 const WhisperApiBase& Whisper();
@@ -23,24 +27,31 @@ const HostCallbacks& Callbacks(Pair pair);
 Inbox& InboxOf(Pair pair);
 void ClearInboxes();
 
+// A slot call's status and the message it reported through `pair` ("" for
+// none). Checks that it reported at most one, and none on success.
+std::pair<int32_t, std::string> Reported(Pair pair, const std::function<int32_t()>& call);
+
+// The one message of an InitModel that must fail: LLM through pair A, Whisper
+// through pair B. Checks the one log line and that the handle stays unwritten.
+std::string LlmInitError(const std::filesystem::path& dir, int device = DEVICE_CPU, int contextLength = 8);
+std::string WhisperInitError(const std::filesystem::path& dir, int device = DEVICE_CPU);
+
 // Model directories made by tools/make_llm_fixtures.py.
 std::filesystem::path ModelDir(const std::string& name);
-
-// A fresh directory removed with the object.
-class TempDir {
-public:
-    TempDir();
-    ~TempDir();
-    const std::filesystem::path& path() const { return path_; }
-    void Touch(const std::filesystem::path& relative) const;
-
-private:
-    std::filesystem::path path_;
-};
 
 // A copy of a model directory (model files linked, not copied) whose
 // generation_config.json gets `json` merged over it.
 std::filesystem::path ModelVariant(const TempDir& dir, const std::string& model, const std::string& json);
+
+bool StartsWith(const std::string& text, const std::string& prefix);
+bool Contains(const std::string& text, const std::string& part);
+
+// A 16 kHz sine tone: the tiny Whisper model decodes anything to its length bound.
+std::vector<float> Tone(size_t samples, double hertz = 440);
+
+// The ids of a getter shaped like GetStopTokens (both families have them),
+// released. Checks that an empty list leaves the array out-parameter alone.
+std::vector<int64_t> Ids(int32_t (*get)(void*, int64_t**, size_t*), void* handle);
 
 // An LLM handle on the CPU that reports through pair A, destroyed with the object.
 class LlmModel {
@@ -54,6 +65,28 @@ public:
     // QueryModel's status; `result` gets the text (already released) or the
     // one error message. Checks that a failure writes no out-parameter.
     int32_t Query(const char* prompt, std::string& result);
+
+private:
+    void* handle_ = nullptr;
+};
+
+// A Whisper handle on the CPU that reports through pair B, destroyed with the
+// object; `maxNewTokens` keeps the random tiny model quick.
+class WhisperModel {
+public:
+    explicit WhisperModel(const std::filesystem::path& dir, int maxNewTokens = 0);
+    ~WhisperModel();
+    WhisperModel(const WhisperModel&) = delete;
+    WhisperModel& operator=(const WhisperModel&) = delete;
+    void* handle() const { return handle_; }
+
+    // Checks that the setting is taken without a word.
+    void Set(const char* name, const std::string& value);
+    // QueryModel's status, with the text or the one message in `result`.
+    int32_t Transcribe(const float* samples, int32_t count, std::string& result);
+    int32_t Transcribe(const std::vector<float>& samples, std::string& result) {
+        return Transcribe(samples.data(), static_cast<int32_t>(samples.size()), result);
+    }
 
 private:
     void* handle_ = nullptr;

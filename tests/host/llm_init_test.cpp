@@ -9,37 +9,21 @@ namespace fs = std::filesystem;
 using host::Callbacks;
 using host::InboxOf;
 using host::Llm;
+using host::LlmInitError;
 using host::Pair;
-
-namespace {
-
-// Runs a failing LLM init through pair A; returns its one error message.
-std::string InitError(const fs::path& dir, int device, int contextLength) {
-    host::ClearInboxes();
-    void* sentinel = reinterpret_cast<void*>(0x5eed);
-    void* handle = sentinel;
-    EXPECT_EQ(Llm().InitModel(dir.c_str(), device, contextLength, &handle, &Callbacks(Pair::A)), 1);
-    EXPECT_EQ(handle, sentinel) << "the out-handle is written only on success";
-    const host::Inbox& inbox = InboxOf(Pair::A);
-    EXPECT_EQ(inbox.logs, std::vector<std::string>{"Initializing OpenVINO LLM model..."});
-    EXPECT_EQ(inbox.errors.size(), 1u);
-    return inbox.errors.empty() ? "" : inbox.errors.front();
-}
-
-}  // namespace
 
 TEST(LlmInit, ReportsTheFirstFailingCheckInOrder) {
     host::TempDir dir;
     dir.Touch("file.txt");
     const fs::path model = host::ModelDir("tiny-llm");
-    EXPECT_EQ(InitError(dir.path() / "missing", 7, 0), "The context length must be greater than 0");
-    EXPECT_EQ(InitError(model, 0, -3), "The context length must be greater than 0");
-    EXPECT_EQ(InitError(dir.path() / "missing", 0, 16), "The provided model path is not a directory");
-    EXPECT_EQ(InitError(dir.path() / "file.txt", 0, 16), "The provided model path is not a directory");
+    EXPECT_EQ(LlmInitError(dir.path() / "missing", 7, 0), "The context length must be greater than 0");
+    EXPECT_EQ(LlmInitError(model, 0, -3), "The context length must be greater than 0");
+    EXPECT_EQ(LlmInitError(dir.path() / "missing", 0, 16), "The provided model path is not a directory");
+    EXPECT_EQ(LlmInitError(dir.path() / "file.txt", 0, 16), "The provided model path is not a directory");
     // Properties are built before the device is named.
-    EXPECT_EQ(InitError(model, 7, 16), "7device type is not supported");
-    EXPECT_EQ(InitError(model, -1, 16), "-1device type is not supported");
-    EXPECT_EQ(InitError(dir.path(), 2, 16), "The provided cache dreictory does not contain an expected blob file");
+    EXPECT_EQ(LlmInitError(model, 7, 16), "7device type is not supported");
+    EXPECT_EQ(LlmInitError(model, -1, 16), "-1device type is not supported");
+    EXPECT_EQ(LlmInitError(dir.path(), 2, 16), "The provided cache dreictory does not contain an expected blob file");
 }
 
 TEST(LlmInit, NpuWithABlobBelowPassesTheChecksAndReachesTheRuntime) {
@@ -47,7 +31,7 @@ TEST(LlmInit, NpuWithABlobBelowPassesTheChecksAndReachesTheRuntime) {
     const fs::path model = host::ModelVariant(dir, "tiny-llm", "{}");
     dir.Touch(fs::path("tiny-llm") / "nested" / "deeper" / "model.blob");
     // This machine has no NPU: the runtime itself fails, past every check of ours.
-    const std::string message = InitError(model, 2, 16);
+    const std::string message = LlmInitError(model, 2, 16);
     EXPECT_NE(message.find("Exception from"), std::string::npos) << message;
     EXPECT_EQ(message.find("blob file"), std::string::npos) << message;
 }

@@ -26,20 +26,6 @@ std::vector<std::string> StopStrings(void* handle) {
     return result;
 }
 
-std::vector<int64_t> StopTokens(void* handle) {
-    int64_t* const untouched = reinterpret_cast<int64_t*>(0x1);
-    int64_t* ids = untouched;
-    size_t count = 99;
-    EXPECT_EQ(Llm().GetStopTokens(handle, &ids, &count), 0);
-    if (count == 0) {
-        EXPECT_EQ(ids, untouched);
-        return {};
-    }
-    std::vector<int64_t> result(ids, ids + count);
-    EXPECT_EQ(Llm().FreeStopTokens(ids), 0);
-    return result;
-}
-
 }  // namespace
 
 TEST(LlmStopLists, AreSortedSetsReplacedWholeAndCopiedOut) {
@@ -50,7 +36,7 @@ TEST(LlmStopLists, AreSortedSetsReplacedWholeAndCopiedOut) {
     EXPECT_EQ(StopStrings(model.handle()), (std::vector<std::string>{"", "a", "b", "z", "\xc3\xa9"}));
     const int64_t ids[] = {5, -1, 5, 3};
     ASSERT_EQ(Llm().SetStopTokens(model.handle(), ids, 4), 0);
-    EXPECT_EQ(StopTokens(model.handle()), (std::vector<int64_t>{-1, 3, 5}));
+    EXPECT_EQ(host::Ids(Llm().GetStopTokens, model.handle()), (std::vector<int64_t>{-1, 3, 5}));
 
     // Each get hands out its own buffers.
     char** first = nullptr;
@@ -68,7 +54,7 @@ TEST(LlmStopLists, AreSortedSetsReplacedWholeAndCopiedOut) {
     ASSERT_EQ(Llm().SetStopStrings(model.handle(), nullptr, 0), 0);
     ASSERT_EQ(Llm().SetStopTokens(model.handle(), nullptr, 0), 0);
     EXPECT_TRUE(StopStrings(model.handle()).empty());
-    EXPECT_TRUE(StopTokens(model.handle()).empty());
+    EXPECT_TRUE(host::Ids(Llm().GetStopTokens, model.handle()).empty());
 }
 
 TEST(LlmStopLists, AStopStringOrTokenFromTheOutputEndsGenerationThere) {
@@ -91,8 +77,8 @@ TEST(LlmStopLists, AStopStringOrTokenFromTheOutputEndsGenerationThere) {
     size_t count = 0;
     ASSERT_EQ(Llm().Tokenize(model.handle(), full.c_str(), &ids, &count), 0);
     ASSERT_GT(count, 4u);
-    const std::vector<int64_t> stopIds = StopTokens(model.handle());  // holds the eos, which must stay
-    std::vector<int64_t> withToken = stopIds;
+    // The eos among the loaded stop tokens must stay.
+    std::vector<int64_t> withToken = host::Ids(Llm().GetStopTokens, model.handle());
     withToken.push_back(ids[count * 3 / 4]);
     Llm().FreeTokens(ids);
     ASSERT_EQ(Llm().SetStopTokens(model.handle(), withToken.data(), withToken.size()), 0);
