@@ -62,13 +62,10 @@ TEST(Reporting, StagesMapAssertionsAndOtherErrorsToTheirStatusAndPrefix) {
     EXPECT_TRUE(whisperErrors.empty());
 }
 
-TEST(Reporting, NothingIsReportedWhileAFamilyHasNoErrorFunction) {
+TEST(Reporting, NonStandardExceptionsStopAtTheBoundaryAndAFamilyWithoutErrorFunctionIsSilent) {
     velmora::StoreCallbacks(Family::Whisper, {nullptr, nullptr});
     EXPECT_EQ(RunSlot(Family::Whisper, nullptr, "null", "", [] { return 0; }), 1);
     EXPECT_EQ(RunSlot(Family::Whisper, "h", nullptr, "p: ", []() -> int32_t { throw 42; }), 1);
-}
-
-TEST(Reporting, NonStandardExceptionsAreStoppedAtTheBoundary) {
     velmora::StoreCallbacks(Family::Whisper, {nullptr, WhisperError});
     whisperErrors.clear();
     EXPECT_EQ(RunSlot(Family::Whisper, "h", nullptr, "p: ", []() -> int32_t { throw 42; }), 1);

@@ -3,6 +3,7 @@
 #include <cmath>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "pipeline/config_properties.h"
@@ -15,23 +16,20 @@ namespace {
 
 enum class Failure { None, Invalid, Range };
 
-// The exception a conversion threw as its message, or "" when it returned.
+// What a conversion threw, with its message ("" when it returned).
 template <class Convert>
-std::string ErrorOf(Convert&& convert, Failure& kind) {
-    kind = Failure::None;
+std::pair<Failure, std::string> Outcome(Convert&& convert) {
     try {
         convert();
     } catch (const std::invalid_argument& e) {
-        kind = Failure::Invalid;
-        return e.what();
+        return {Failure::Invalid, e.what()};
     } catch (const std::out_of_range& e) {
-        kind = Failure::Range;
-        return e.what();
+        return {Failure::Range, e.what()};
     }
-    return "";
+    return {Failure::None, ""};
 }
 
-std::string ExpectedError(Failure failure, const std::string& fn) {
+std::string Message(Failure failure, const std::string& fn) {
     if (failure == Failure::Invalid) return "invalid " + fn + " argument";
     if (failure == Failure::Range) return fn + " argument out of range";
     return "";
@@ -39,54 +37,50 @@ std::string ExpectedError(Failure failure, const std::string& fn) {
 
 }  // namespace
 
-TEST(ValueText, IntegersTakeLeadingDecimalDigitsWithinThirtyTwoBits) {
-    struct Case {
+// Integers take leading decimal digits within 32 bits (for stol too); floats
+// take strtof's longest prefix and report its range errors.
+TEST(ValueText, NumbersTakeTheLeadingTextTheyCanReadAndNameTheirConversionWhenFailing) {
+    const struct {
         const char* text;
-        Failure failure;
-        int32_t value;
+        Failure intFailure;
+        int32_t intValue;
+        Failure floatFailure;
+        float floatValue;
     } cases[] = {
-        {"42abc", Failure::None, 42},         {"  7", Failure::None, 7},
-        {"+7", Failure::None, 7},             {"3.9", Failure::None, 3},
-        {"0x10", Failure::None, 0},           {"2147483647", Failure::None, INT32_MAX},
-        {"-1", Failure::None, -1},            {"-2147483648", Failure::None, INT32_MIN},
-        {"2147483648", Failure::Range, 0},    {"-2147483649", Failure::Range, 0},
-        {"99999999999999999999", Failure::Range, 0},
-        {"abc", Failure::Invalid, 0},         {"", Failure::Invalid, 0},
-        {"-", Failure::Invalid, 0},           {" .5x", Failure::Invalid, 0},
+        {"42abc", Failure::None, 42, Failure::None, 42.0f},
+        {"  7", Failure::None, 7, Failure::None, 7.0f},
+        {"+7", Failure::None, 7, Failure::None, 7.0f},
+        {"3.9", Failure::None, 3, Failure::None, 3.9f},
+        {"0x10", Failure::None, 0, Failure::None, 16.0f},
+        {"0.0000001", Failure::None, 0, Failure::None, 1e-7f},
+        {"2147483647", Failure::None, INT32_MAX, Failure::None, 2147483648.0f},
+        {"-1", Failure::None, -1, Failure::None, -1.0f},
+        {"-2147483648", Failure::None, INT32_MIN, Failure::None, -2147483648.0f},
+        {"2147483648", Failure::Range, 0, Failure::None, 2147483648.0f},
+        {"-2147483649", Failure::Range, 0, Failure::None, -2147483648.0f},
+        {"99999999999999999999", Failure::Range, 0, Failure::None, 1e20f},
+        {"1e39", Failure::None, 1, Failure::Range, 0},
+        {"-1e39", Failure::None, -1, Failure::Range, 0},
+        {"1e-50", Failure::None, 1, Failure::Range, 0},
+        {"inf", Failure::Invalid, 0, Failure::None, INFINITY},
+        {" .5x", Failure::Invalid, 0, Failure::None, 0.5f},
+        {"abc", Failure::Invalid, 0, Failure::Invalid, 0},
+        {"", Failure::Invalid, 0, Failure::Invalid, 0},
+        {"-", Failure::Invalid, 0, Failure::Invalid, 0},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         for (IntegerParse parse : {IntegerParse::Stoi, IntegerParse::Stol}) {
-            const std::string fn = parse == IntegerParse::Stoi ? "stoi" : "stol";
             int32_t value = 0;
-            Failure kind;
-            const std::string error = ErrorOf([&] { value = velmora::ParseInteger(c.text, parse); }, kind);
-            EXPECT_EQ(kind, c.failure) << c.text;
-            EXPECT_EQ(error, ExpectedError(c.failure, fn)) << c.text;
-            EXPECT_EQ(value, c.value) << c.text;
+            const auto [failure, message] = Outcome([&] { value = velmora::ParseInteger(c.text, parse); });
+            EXPECT_EQ(failure, c.intFailure) << c.text;
+            EXPECT_EQ(message, Message(c.intFailure, parse == IntegerParse::Stoi ? "stoi" : "stol")) << c.text;
+            EXPECT_EQ(value, c.intValue) << c.text;
         }
-    }
-}
-
-TEST(ValueText, FloatsTakeTheLongestPrefixAndReportRangeErrors) {
-    struct Case {
-        const char* text;
-        Failure failure;
-        float value;
-    } cases[] = {
-        {" .5x", Failure::None, 0.5f},     {"3.9", Failure::None, 3.9f},
-        {"0x10", Failure::None, 16.0f},    {"42abc", Failure::None, 42.0f},
-        {"0.0000001", Failure::None, 1e-7f}, {"-2147483648", Failure::None, -2147483648.0f},
-        {"inf", Failure::None, INFINITY},  {"1e39", Failure::Range, 0},
-        {"-1e39", Failure::Range, 0},      {"1e-50", Failure::Range, 0},
-        {"abc", Failure::Invalid, 0},      {"", Failure::Invalid, 0},
-    };
-    for (const Case& c : cases) {
         float value = 0;
-        Failure kind;
-        const std::string error = ErrorOf([&] { value = velmora::ParseFloat(c.text); }, kind);
-        EXPECT_EQ(kind, c.failure) << c.text;
-        EXPECT_EQ(error, ExpectedError(c.failure, "stof")) << c.text;
-        EXPECT_EQ(value, c.value) << c.text;
+        const auto [failure, message] = Outcome([&] { value = velmora::ParseFloat(c.text); });
+        EXPECT_EQ(failure, c.floatFailure) << c.text;
+        EXPECT_EQ(message, Message(c.floatFailure, "stof")) << c.text;
+        EXPECT_EQ(value, c.floatValue) << c.text;
     }
     EXPECT_TRUE(std::isnan(velmora::ParseFloat("nan")));
     // Fixed notation: small values round away, no exponent.
