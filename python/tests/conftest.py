@@ -1,4 +1,3 @@
-import threading
 from pathlib import Path
 
 import pytest
@@ -63,15 +62,3 @@ def counting():
         return model._api
     return install
 
-
-def cancel_until_done(model, run):
-    """Runs `run` on a thread and cancels it over and over until it returns:
-    cancels that land before the run starts are forgotten by it, so only
-    repeating makes one land inside the run without timing guesses."""
-    result = []
-    worker = threading.Thread(target=lambda: result.append(run()))
-    worker.start()
-    while worker.is_alive():
-        model.cancel()
-        worker.join(0.02)
-    return result[0]
