@@ -95,6 +95,27 @@ std::pair<int32_t, std::string> Reported(Pair pair, const std::function<int32_t(
     return {status, errors.empty() ? "" : errors.front()};
 }
 
+std::pair<int32_t, std::string> GetProperty(Pair pair, GetSetting get, void* handle, const char* name) {
+    char* const untouched = reinterpret_cast<char*>(0x1);
+    char* out = untouched;
+    auto answer = Reported(pair, [&] { return get(handle, name, &out); });
+    if (answer.first == 0) {
+        answer.second = out;
+        EXPECT_EQ(Llm().FreeConfigProperty(out), 0);
+    } else {
+        EXPECT_EQ(out, untouched) << "the out-parameter is written only on success";
+    }
+    return answer;
+}
+
+void ExpectRoundTrips(Pair pair, SetSetting set, GetSetting get, void* handle, const std::vector<Setting>& rows) {
+    for (const Setting& row : rows)
+        EXPECT_EQ(Reported(pair, [&] { return set(handle, row.name, row.value); }).first, 0) << row.name;
+    for (const Setting& row : rows)
+        EXPECT_EQ(GetProperty(pair, get, handle, row.name), std::make_pair(0, std::string(row.text)))
+            << row.name << "=" << row.value;
+}
+
 std::string LlmInitError(const fs::path& dir, int device, int contextLength) {
     return InitError(Pair::A, "Initializing OpenVINO LLM model...", [&](void** handle) {
         return Llm().InitModel(dir.c_str(), device, contextLength, handle, &Callbacks(Pair::A));

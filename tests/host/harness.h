@@ -31,6 +31,20 @@ void ClearInboxes();
 // none). Checks that it reported at most one, and none on success.
 std::pair<int32_t, std::string> Reported(Pair pair, const std::function<int32_t()>& call);
 
+// GetConfigProperty of either family through its pair: the status, with the
+// text read (released) or the message. Checks that a failure writes nothing.
+using GetSetting = int32_t (*)(void*, const char*, char**);
+using SetSetting = int32_t (*)(void*, const char*, const char*);
+std::pair<int32_t, std::string> GetProperty(Pair pair, GetSetting get, void* handle, const char* name);
+
+// Sets every row, then reads each back as `text`: two names sharing a member would show.
+struct Setting {
+    const char* name;
+    const char* value;
+    const char* text;
+};
+void ExpectRoundTrips(Pair pair, SetSetting set, GetSetting get, void* handle, const std::vector<Setting>& rows);
+
 // The one message of an InitModel that must fail: LLM through pair A, Whisper
 // through pair B. Checks the one log line and that the handle stays unwritten.
 std::string LlmInitError(const std::filesystem::path& dir, int device = DEVICE_CPU, int contextLength = 8);

@@ -79,15 +79,8 @@ TEST(WhisperQuery, StoredSettingsAreJudgedByTheNextValidation) {
 
 TEST(WhisperSettings, RoundTripsAndMessages) {
     WhisperModel model(host::ModelDir("tiny-whisper"));
-    // The text read, or the message.
     auto get = [&](const char* name) {
-        char* text = nullptr;
-        auto answer = Reported(Pair::B, [&] { return Whisper().GetConfigProperty(model.handle(), name, &text); });
-        if (answer.first == 0) {
-            answer.second = text;
-            Whisper().FreeConfigProperty(text);
-        }
-        return answer;
+        return host::GetProperty(Pair::B, Whisper().GetConfigProperty, model.handle(), name);
     };
     // The model's own defaults: optional texts absent, the length bound of its config.
     for (const char* name : {"language", "task", "Language"})
@@ -95,12 +88,8 @@ TEST(WhisperSettings, RoundTripsAndMessages) {
                                                    ". Property name not supported."));
     EXPECT_EQ(get("max_length"), std::make_pair(0, std::string("448")));
 
-    // Every name once, all set before any is read: two names sharing a member would show.
-    const struct {
-        const char* name;
-        const char* value;
-        const char* readBack;
-    } rows[] = {
+    // Every name once.
+    host::ExpectRoundTrips(Pair::B, Whisper().SetConfigProperty, Whisper().GetConfigProperty, model.handle(), {
         {"max_length", "7", "7"},
         {"max_new_tokens", "-1", "18446744073709551615"},
         {"decoder_start_token_id", "-2", "-2"},
@@ -114,9 +103,7 @@ TEST(WhisperSettings, RoundTripsAndMessages) {
         {"language", "xyz", "xyz"},
         {"task", "", ""},
         {"return_timestamps", "True", "true"},
-    };
-    for (const auto& row : rows) model.Set(row.name, row.value);
-    for (const auto& row : rows) EXPECT_EQ(get(row.name), std::make_pair(0, std::string(row.readBack))) << row.value;
+    });
 
     const std::pair<std::pair<const char*, const char*>, const char*> refusals[] = {
         {{"decoder_start_token_id", "abc"},
