@@ -324,7 +324,9 @@ def write_results(a, s, info, path):
         "the library costs. On this shared machine these ratios move by several to tens of percent between "
         "rounds and in both directions (see the ranges: the library comes out faster about as often as "
         "slower), far more than the 1 % being judged. The next section measures the library's own time per "
-        "call directly; that is the figure that bounds its overhead.",
+        "call directly; that is the figure that bounds its overhead. Instruction counts, which do not move "
+        "with the load, are in [INSTRUCTIONS.md](INSTRUCTIONS.md) (`bench/run.sh --instructions`): there the "
+        "library's streamed and batch generations come within 0.3 % of the runtime's own like-for-like call.",
         "",
         "The library always hands the runtime a streamer (it is how `CancelModel` reaches a running generation), "
         "so the fair comparison for `StreamModel` is the direct runtime with a no-op Python streamer; the rows "

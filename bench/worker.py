@@ -3,6 +3,7 @@
   direct  the runtime's own Python API, as a user would call it
   ctypes  the library loaded by a Python host through ctypes
   pieces  both in one process, alternated, to isolate the per-piece cost
+  instructions  both in one process under callgrind: instructions per generation
 
 The driver (run.py) decides the order of processes; nothing here is compared.
 """
@@ -45,7 +46,10 @@ class LlmApiBase(ctypes.Structure):
         ("StreamModel", S(_i32, _p, _cp, _p)),
         ("FreeQueryResult", S(_i32, _p)),
         ("SetConfigProperty", S(_i32, _p, _cp, _cp)),
-    ] + [(f"slot{i}", _p) for i in range(6, 18)]
+    ] + [(f"slot{i}", _p) for i in range(6, 14)] + [
+        ("Tokenize", S(_i32, _p, _cp, ctypes.POINTER(ctypes.POINTER(ctypes.c_int64)), ctypes.POINTER(ctypes.c_size_t))),
+        ("FreeTokens", S(_i32, ctypes.POINTER(ctypes.c_int64))),
+    ] + [(f"slot{i}", _p) for i in range(16, 18)]
 
 
 class WhisperApiBase(ctypes.Structure):
@@ -448,11 +452,84 @@ def whisper_alternation(a, lib, openvino_genai):
     return out
 
 
+def run_instructions(a):
+    """The same work through the library and directly, in one process run
+    under callgrind: each piece of work is bracketed by the marks library, so
+    its instructions (all threads) are dumped under the path's name. Counts,
+    unlike seconds, do not move with the load of a shared machine."""
+    import openvino_genai
+    lib = Library(a.library)
+    noop, marks = ctypes.CDLL(a.noop), ctypes.CDLL(a.marks)
+    noop_fn = ctypes.cast(noop.velmora_bench_noop_piece, ctypes.c_void_p)
+
+    def counted(name, run):
+        def bracketed():
+            marks.velmora_bench_count_start()
+            run()
+            marks.velmora_bench_count_stop(name.encode())
+        return bracketed
+
+    def repeated(run, times):
+        return lambda: [run() for _ in range(times)]
+
+    def measure(runs, out):
+        for run in runs.values():
+            run()  # warm-up, uninstrumented
+        out.update({name: [] for name in runs})
+        alternate({name: counted(name, run) for name, run in runs.items()}, a.reps, out)
+
+    out = {"path": "instructions", "tokens": a.tokens, "tokenize_calls": a.tokenize_calls}
+    handle = lib.init_llm(a.model, a.tokens)
+    lib.set(handle, "ignore_eos", "true")
+    lib.set(handle, "do_sample", "false")
+    pipeline = openvino_genai.LLMPipeline(a.model, "CPU")
+    config = direct_config(pipeline, a.tokens)
+    tokenizer = pipeline.get_tokenizer()
+    ids, count = ctypes.POINTER(ctypes.c_int64)(), ctypes.c_size_t()
+
+    def library_tokenize():
+        lib.check(lib.llm.Tokenize(handle, b"Hello world", ctypes.byref(ids), ctypes.byref(count)), "Tokenize")
+        lib.llm.FreeTokens(ids)
+
+    n = a.tokenize_calls
+    measure({"library_stream": lambda: lib.stream(handle, a.prompt, noop_fn),
+             "direct_stream": lambda: pipeline.generate(a.prompt, config, streamer=PieceClock()),
+             "library_query": lambda: lib.query(handle, a.prompt),
+             "direct_plain": lambda: pipeline.generate(a.prompt, config),
+             # What the library's Tokenize asks of the runtime (a fresh tokenizer,
+             # a list of one text), and the cheapest direct call, for scale.
+             "library_tokenize": repeated(library_tokenize, n),
+             "direct_tokenize_same": repeated(lambda: pipeline.get_tokenizer().encode(["Hello world"]), n),
+             "direct_tokenize_reused": repeated(lambda: tokenizer.encode("Hello world"), n)}, out)
+    lib.llm.DestroyModel(handle)
+    del pipeline
+    if a.whisper_model:
+        samples = read_audio(a.audio)
+        buffer = samples.ctypes.data_as(ctypes.POINTER(ctypes.c_float))
+        whisper_handle = ctypes.c_void_p()
+        lib.check(lib.whisper.InitModel(a.whisper_model.encode(), 0, ctypes.byref(whisper_handle),
+                                        ctypes.byref(lib.callbacks)), "Whisper InitModel")
+        whisper = openvino_genai.WhisperPipeline(a.whisper_model, "CPU")
+
+        def library_transcribe():
+            text = ctypes.c_void_p()
+            lib.check(lib.whisper.QueryModel(whisper_handle, buffer, len(samples), ctypes.byref(text)), "QueryModel")
+            lib.whisper.FreeQueryResult(text)
+
+        measure({"whisper_library": library_transcribe,
+                 "whisper_direct": lambda: whisper.generate(samples),
+                 "whisper_direct_streamer": lambda: whisper.generate(samples, streamer=PieceClock())}, out)
+        lib.whisper.DestroyModel(whisper_handle)
+    return out
+
+
 def main():
     parser = argparse.ArgumentParser()
-    parser.add_argument("mode", choices=["direct", "ctypes", "pieces"])
+    parser.add_argument("mode", choices=["direct", "ctypes", "pieces", "instructions"])
     parser.add_argument("--library")
     parser.add_argument("--noop")
+    parser.add_argument("--marks", help="instructions mode: the callgrind marks library")
+    parser.add_argument("--tokenize-calls", type=int, default=20, help="instructions mode: calls per count")
     parser.add_argument("--model", required=True)
     parser.add_argument("--prompt", default="The three primary colors are")
     parser.add_argument("--tokens", type=int, default=128)
@@ -468,7 +545,7 @@ def main():
     parser.add_argument("--package", help="pieces mode: directory holding the library's Python package")
     parser.add_argument("--audio")
     a = parser.parse_args()
-    out = {"direct": run_direct, "ctypes": run_ctypes, "pieces": run_pieces}[a.mode](a)
+    out = {"direct": run_direct, "ctypes": run_ctypes, "pieces": run_pieces, "instructions": run_instructions}[a.mode](a)
     json.dump(out, sys.stdout)
     sys.stdout.write("\n")
 
