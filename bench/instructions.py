@@ -113,10 +113,8 @@ def main():
     if not directories:
         out_dir = os.path.join(HERE, "out", "callgrind")
         models = os.path.join(ROOT, "models")
-        if a.quick:
-            run(out_dir, os.path.join(models, "tiny-llm"), 16, os.path.join(models, "tiny-whisper"), 1)
-        else:
-            run(out_dir, os.path.join(models, "smollm2"), 32, os.path.join(models, "tiny-whisper"), 1)
+        llm, tokens = ("tiny-llm", 16) if a.quick else ("smollm2", 32)
+        run(out_dir, os.path.join(models, llm), tokens, os.path.join(models, "tiny-whisper"), 1)
         directories = [out_dir]
     report(directories, os.path.join(HERE, "INSTRUCTIONS.md"))
 

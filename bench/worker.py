@@ -95,6 +95,17 @@ class Library:
         self.llm.FreeQueryResult(text)
         return result
 
+    def init_whisper(self, model):
+        handle = ctypes.c_void_p()
+        self.check(self.whisper.InitModel(model.encode(), 0, ctypes.byref(handle), ctypes.byref(self.callbacks)),
+                   "Whisper InitModel")
+        return handle
+
+    def transcribe(self, handle, buffer, count):
+        text = ctypes.c_void_p()
+        self.check(self.whisper.QueryModel(handle, buffer, count, ctypes.byref(text)), "Whisper QueryModel")
+        self.whisper.FreeQueryResult(text)
+
 
 class PieceClock:
     """The do-nothing streamer of a Python host: counts and stamps the first piece."""
@@ -420,16 +431,11 @@ def whisper_alternation(a, lib, openvino_genai):
     """Whisper through the library (ctypes QueryModel) and directly, in one process, alternated."""
     samples = read_audio(a.audio)
     buffer = samples.ctypes.data_as(ctypes.POINTER(ctypes.c_float))
-    handle = ctypes.c_void_p()
-    with_capture(openvino_genai, "WhisperPipeline", lambda: lib.check(
-        lib.whisper.InitModel(a.whisper_model.encode(), 0, ctypes.byref(handle), ctypes.byref(lib.callbacks)),
-        "Whisper InitModel"))
+    handle = with_capture(openvino_genai, "WhisperPipeline", lambda: lib.init_whisper(a.whisper_model))
     pipeline = openvino_genai.WhisperPipeline(a.whisper_model, "CPU")
 
     def library(count=len(samples)):
-        text = ctypes.c_void_p()
-        lib.check(lib.whisper.QueryModel(handle, buffer, count, ctypes.byref(text)), "Whisper QueryModel")
-        lib.whisper.FreeQueryResult(text)
+        lib.transcribe(handle, buffer, count)
 
     runs = {"whisper_library": library, "whisper_direct": lambda: pipeline.generate(samples),
             "whisper_direct_streamer": lambda: pipeline.generate(samples, streamer=PieceClock())}
@@ -506,17 +512,9 @@ def run_instructions(a):
     if a.whisper_model:
         samples = read_audio(a.audio)
         buffer = samples.ctypes.data_as(ctypes.POINTER(ctypes.c_float))
-        whisper_handle = ctypes.c_void_p()
-        lib.check(lib.whisper.InitModel(a.whisper_model.encode(), 0, ctypes.byref(whisper_handle),
-                                        ctypes.byref(lib.callbacks)), "Whisper InitModel")
+        whisper_handle = lib.init_whisper(a.whisper_model)
         whisper = openvino_genai.WhisperPipeline(a.whisper_model, "CPU")
-
-        def library_transcribe():
-            text = ctypes.c_void_p()
-            lib.check(lib.whisper.QueryModel(whisper_handle, buffer, len(samples), ctypes.byref(text)), "QueryModel")
-            lib.whisper.FreeQueryResult(text)
-
-        measure({"whisper_library": library_transcribe,
+        measure({"whisper_library": lambda: lib.transcribe(whisper_handle, buffer, len(samples)),
                  "whisper_direct": lambda: whisper.generate(samples),
                  "whisper_direct_streamer": lambda: whisper.generate(samples, streamer=PieceClock())}, out)
         lib.whisper.DestroyModel(whisper_handle)

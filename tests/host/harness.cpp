@@ -58,6 +58,9 @@ std::string InitError(Pair pair, const char* log, const std::function<int32_t(vo
     return inbox.errors.empty() ? "" : inbox.errors.front();
 }
 
+// Buffers of either family go back through the LLM table's release slots:
+// both tables hold the same release functions (Tables test).
+
 // A QueryModel of either family: `result` gets the text (already released) or
 // the one message. Checks that a failure writes no out-parameter.
 int32_t TextOrMessage(Pair pair, const std::function<int32_t(char**)>& query, std::string& result) {
