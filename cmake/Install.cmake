@@ -1,10 +1,14 @@
-# What `cmake --install build --prefix P` lays out for hosts:
-#   P/lib/Tarvik.Velmora.Framework.OpenVINOBindings.so  (RPATH: the build's venv)
+# What `cmake --install build --prefix P` (and the release archive made by
+# `cpack`) lays out for hosts; P is complete by itself and can be moved:
+#   P/lib/Tarvik.Velmora.Framework.OpenVINOBindings.so  (stripped)
+#   P/lib/velmora-runtime/  the interpreter and runtime packages it runs on,
+#                           found beside the library's own file
 #   P/include/openvino_bindings.h
 #   P/lib/cmake/TarvikVelmoraOpenVINOBindings/  find_package() config and version
 #   P/lib/pkgconfig/TarvikVelmoraOpenVINOBindings.pc
+#   P/bin/velmora-host      the command-line host
 # Every path in the config and .pc files is relative to where they are
-# installed, so the prefix given at install time is the one they describe.
+# installed, so they describe P wherever it is.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -15,6 +19,15 @@ set(VELMORA_PKGCONFIG_DIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
 install(TARGETS Tarvik.Velmora.Framework.OpenVINOBindings
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime)
+set(velmora_installed_lib "\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}")
+install(CODE "execute_process(COMMAND \"${CMAKE_STRIP}\" --strip-unneeded
+    \"${velmora_installed_lib}/$<TARGET_FILE_NAME:Tarvik.Velmora.Framework.OpenVINOBindings>\"
+    COMMAND_ERROR_IS_FATAL ANY)" COMPONENT runtime)
+if(VELMORA_BUNDLE_RUNTIME)
+  install(CODE "message(STATUS \"Copying the runtime folder\")
+    execute_process(COMMAND \"${VELMORA_PYTHON_EXECUTABLE}\" \"${VELMORA_RUNTIME_SCRIPT}\" copy
+      \"${velmora_installed_lib}/${VELMORA_RUNTIME_FOLDER}\" COMMAND_ERROR_IS_FATAL ANY)" COMPONENT runtime)
+endif()
 install(FILES ${PROJECT_SOURCE_DIR}/include/openvino_bindings.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
 
@@ -40,3 +53,11 @@ file(GENERATE OUTPUT ${CMAKE_CURRENT_BINARY_DIR}/${VELMORA_PACKAGE}.pc
   INPUT ${CMAKE_CURRENT_BINARY_DIR}/${VELMORA_PACKAGE}.pc.in)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${VELMORA_PACKAGE}.pc
   DESTINATION ${VELMORA_PKGCONFIG_DIR} COMPONENT development)
+
+# `cpack` in the build tree: a .tar.gz of the same layout, named with the
+# version and the platform.
+set(CPACK_GENERATOR TGZ)
+set(CPACK_PACKAGE_NAME ${VELMORA_PACKAGE})
+set(CPACK_PACKAGE_FILE_NAME ${VELMORA_PACKAGE}-${PROJECT_VERSION}-${CMAKE_SYSTEM_NAME}-${CMAKE_SYSTEM_PROCESSOR})
+set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/package)
+include(CPack)

@@ -40,6 +40,13 @@
 #include <stddef.h>
 #include <stdint.h>
 
+/* The library's version; the build, the Python package and the release
+ * archive all take theirs from these lines. */
+#define VELMORA_VERSION_MAJOR 0
+#define VELMORA_VERSION_MINOR 1
+#define VELMORA_VERSION_PATCH 0
+#define VELMORA_VERSION "0.1.0"
+
 #ifdef __cplusplus
 extern "C" {
 #endif

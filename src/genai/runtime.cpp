@@ -1,5 +1,7 @@
 #include <dlfcn.h>
+#include <link.h>
 
+#include <filesystem>
 #include <mutex>
 #include <stdexcept>
 #include <string>
@@ -7,12 +9,60 @@
 #include <openvino/core/except.hpp>
 
 #include "python.h"
-#include "runtime_location.h"
+#include "runtime_layout.h"
 
 namespace velmora::genai {
 namespace {
 
+namespace fs = std::filesystem;
+
 py::module_* genaiModule = nullptr;  // never released: the interpreter is never finalized
+
+constexpr const char* kEmbedded = VELMORA_PYTHON_VERSION;
+
+// "3.10" from "3.10.13 (main, ...)" or from "libpython3.10.so.1.0".
+std::string MajorMinor(const std::string& text, std::size_t from) {
+    const std::size_t dot = text.find('.', from);
+    if (dot == std::string::npos) return text.substr(from);
+    const std::size_t end = text.find_first_not_of("0123456789", dot + 1);
+    return text.substr(from, end == std::string::npos ? std::string::npos : end - from);
+}
+
+int FindForeignLibpython(dl_phdr_info* info, size_t, void* found) {
+    const std::string name = fs::path(info->dlpi_name != nullptr ? info->dlpi_name : "").filename();
+    constexpr const char* prefix = "libpython";
+    if (name.rfind(prefix, 0) != 0) return 0;
+    const std::string version = MajorMinor(name, std::char_traits<char>::length(prefix));
+    if (version == kEmbedded) return 0;
+    *static_cast<std::string*>(found) = version;
+    return 1;
+}
+
+// Another interpreter in the process shares symbol names with ours: calling
+// into either would mix two ABIs. Two tells, checked before any Python state
+// is touched: our Py_GetVersion binding to a host's exported interpreter, or
+// another libpython loaded beside ours.
+void RefuseForeignInterpreter() {
+    std::string running = MajorMinor(Py_GetVersion(), 0);
+    if (running == kEmbedded) dl_iterate_phdr(FindForeignLibpython, &running);
+    if (running != kEmbedded)
+        throw std::runtime_error(std::string("Python runtime could not start: this library embeds Python ") +
+                                 kEmbedded + ", but this process runs Python " + running);
+}
+
+// The runtime folder lies beside the library's own file, wherever the install
+// was moved; the symbol's address tells which file that is.
+fs::path RuntimeFolder() {
+    Dl_info info{};
+    if (dladdr(reinterpret_cast<void*>(&RuntimeFolder), &info) == 0 || info.dli_fname == nullptr)
+        throw std::runtime_error("Python runtime could not start: the library cannot find its own file");
+    std::error_code error;
+    fs::path self = fs::canonical(info.dli_fname, error);
+    if (error) self = fs::absolute(info.dli_fname);
+    return self.parent_path() / VELMORA_RUNTIME_FOLDER;
+}
+
+fs::path SitePackages(const fs::path& folder) { return folder / "lib" / VELMORA_STDLIB_DIR / "site-packages"; }
 
 // Extensions imported later resolve libpython's symbols globally; a host that
 // loaded us with RTLD_LOCAL would otherwise make those imports fail.
@@ -27,8 +77,12 @@ void Check(PyStatus status) {
 }
 
 // Isolated: no environment variables, no user site, no locale or signal
-// changes in the host process. The executable locates the environment.
+// changes in the host process. The runtime folder is the interpreter's home,
+// and nothing is written into it.
 void StartInterpreter() {
+    const fs::path home = RuntimeFolder();
+    if (!fs::is_regular_file(home / "lib" / VELMORA_STDLIB_DIR / "os.py"))
+        throw std::runtime_error("Python runtime could not start: no runtime folder at " + home.string());
     PyPreConfig preconfig;
     PyPreConfig_InitIsolatedConfig(&preconfig);
     preconfig.utf8_mode = 1;
@@ -37,30 +91,32 @@ void StartInterpreter() {
     PyConfig config;
     PyConfig_InitIsolatedConfig(&config);
     config.install_signal_handlers = 0;
+    config.write_bytecode = 0;
     struct Clear {
         PyConfig* c;
         ~Clear() { PyConfig_Clear(c); }
     } clear{&config};
-    Check(PyConfig_SetBytesString(&config, &config.executable, VELMORA_PYTHON_EXECUTABLE));
-    Check(PyConfig_SetBytesString(&config, &config.program_name, VELMORA_PYTHON_EXECUTABLE));
+    Check(PyConfig_SetBytesString(&config, &config.home, home.c_str()));
     Check(Py_InitializeFromConfig(&config));
 }
 
-// Makes the build's environment visible also to a host interpreter that does
-// not already see the runtime packages.
-void ImportRuntime() {
-    py::module_ site = py::module_::import("site");
-    py::list path = py::module_::import("sys").attr("path");
-    if (!path.contains(VELMORA_PYTHON_SITE_PACKAGES)) site.attr("addsitedir")(VELMORA_PYTHON_SITE_PACKAGES);
+// A host interpreter that does not see the runtime packages itself gets the
+// runtime folder's; one that does keeps its own, so one copy is loaded.
+void ImportRuntime(bool joined) {
+    if (joined && py::module_::import("importlib.util").attr("find_spec")("openvino_genai").is_none()) {
+        const fs::path site = SitePackages(RuntimeFolder());
+        if (fs::is_directory(site)) py::module_::import("site").attr("addsitedir")(PathToPython(site));
+    }
     genaiModule = new py::module_(py::module_::import("openvino_genai"));
     py::module_::import("numpy");
 }
 
 void Start() {
+    RefuseForeignInterpreter();
     if (Py_IsInitialized()) {
         py::gil_scoped_acquire gil;
         try {
-            ImportRuntime();
+            ImportRuntime(true);
         } catch (py::error_already_set& error) {
             RethrowRuntimeError(error);
         }
@@ -73,7 +129,7 @@ void Start() {
         ~ReleaseLock() { PyEval_SaveThread(); }
     } release;
     try {
-        ImportRuntime();
+        ImportRuntime(false);
     } catch (py::error_already_set& error) {
         RethrowRuntimeError(error);
     }

@@ -6,6 +6,8 @@
 // Without a subcommand it generates from models/smollm2.
 #include <cstdio>
 #include <string>
+#include <filesystem>
+#include <system_error>
 
 #include "commands.h"
 #include "interrupt.h"
@@ -21,6 +23,19 @@ const Subcommand& SubcommandOf(Command id) {
     return kSubcommands[0];
 }
 
+// The library installed beside this program (P/bin and P/lib), or the one
+// of the build tree it was built in; found from this program's own file.
+std::string DefaultLibrary() {
+    std::error_code error;
+    const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", error);
+    const std::filesystem::path top = self.parent_path().parent_path();
+    for (const char* dir : {"lib", "src"}) {
+        const auto candidate = top / dir / VELMORA_LIBRARY_NAME;
+        if (!error && std::filesystem::exists(candidate)) return candidate;
+    }
+    return (top / "lib" / VELMORA_LIBRARY_NAME).string();
+}
+
 }  // namespace cli
 
 int main(int argc, char** argv) {
@@ -33,8 +48,8 @@ int main(int argc, char** argv) {
         return error.empty() ? kOk : kUsage;
     }
     const Subcommand& sub = SubcommandOf(options.command);
-    if (options.library.empty()) options.library = VELMORA_DEFAULT_LIBRARY;
-    if (options.model.empty()) options.model = std::string(VELMORA_MODELS_DIR "/") + sub.defaultModel;
+    if (options.library.empty()) options.library = DefaultLibrary();
+    if (options.model.empty()) options.model = std::string("models/") + sub.defaultModel;
 
     Library library(options.library);
     if (!library.ok()) {

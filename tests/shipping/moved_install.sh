@@ -1,0 +1,53 @@
+#!/usr/bin/env bash
+# Installs the build, builds the C example against the installed package
+# (dlopen and linked), checks pkg-config, then moves the prefix to a path with
+# a space and runs a C host and the command-line host from there, both
+# families, with the checkout and the build's Python installation hidden
+# behind empty file systems (a private mount namespace; needs root).
+#   moved_install.sh BUILD_DIR SOURCE_DIR MODELS_DIR BUILD_PYTHON_PREFIX
+set -euo pipefail
+build=$1 source=$(realpath "$2") models=$3 python_prefix=$(realpath "$4")
+work=$(mktemp -d /tmp/velmora-install.XXXXXX)
+trap 'rm -rf "$work"' EXIT
+library=Tarvik.Velmora.Framework.OpenVINOBindings.so
+fail() { echo "FAILED: $*" >&2; exit 1; }
+
+cmake --install "$build" --prefix "$work/stage" >/dev/null
+cmake -S "$source/examples/stream" -B "$work/example" -G Ninja -DCMAKE_PREFIX_PATH="$work/stage" >/dev/null
+cmake --build "$work/example" >/dev/null
+
+# The package's own files name the prefix they were installed to.
+export PKG_CONFIG_PATH=$work/stage/lib/pkgconfig
+[[ $(pkg-config --variable=library TarvikVelmoraOpenVINOBindings) -ef $work/stage/lib/$library ]] ||
+  fail "pkg-config names $(pkg-config --variable=library TarvikVelmoraOpenVINOBindings)"
+[[ $(pkg-config --cflags TarvikVelmoraOpenVINOBindings) == "-I$(pkg-config --variable=includedir TarvikVelmoraOpenVINOBindings) " &&
+   -f $(pkg-config --variable=includedir TarvikVelmoraOpenVINOBindings)/openvino_bindings.h ]] ||
+  fail "pkg-config cflags $(pkg-config --cflags TarvikVelmoraOpenVINOBindings)"
+linked=$("$work/example/velmora-stream-linked" "$models/tiny-llm" "Once upon a time" 2>/dev/null)
+[[ ${#linked} -ge 10 ]] || fail "the linked example streamed '$linked'"
+
+prefix="$work/moved prefix"
+mv "$work/stage" "$prefix"
+mkdir "$work/models"
+cp -r "$models/tiny-llm" "$models/whisper-base" "$work/models/"
+espeak-ng -w "$work/speech.wav" "The quick brown fox jumps over the lazy dog."
+
+unshare -m bash -euo pipefail -s "$work" "$prefix" "$source" "$python_prefix" <<'HIDDEN'
+work=$1 prefix=$2
+cd /
+for hidden in "$3" "$4"; do mount -t tmpfs none "$hidden"; done
+[[ ! -e $3/CMakeLists.txt ]] || { echo "FAILED: the checkout is still visible" >&2; exit 1; }
+fail() { echo "FAILED: $*" >&2; exit 1; }
+library="$prefix/lib/Tarvik.Velmora.Framework.OpenVINOBindings.so"
+
+text=$("$work/example/velmora-stream" "$work/models/tiny-llm" "Once upon a time" "$library" 2>/dev/null)
+[[ ${#text} -ge 10 ]] || fail "the C host streamed '$text'"
+echo "C host: $text"
+text=$("$prefix/bin/velmora-host" generate --stats --model "$work/models/tiny-llm" "Once upon a time")
+[[ ${#text} -ge 10 ]] || fail "velmora-host generated '$text'"
+echo "velmora-host generate: $text"
+text=$("$prefix/bin/velmora-host" transcribe --model "$work/models/whisper-base" "$work/speech.wav")
+[[ ${text,,} == *fox* ]] || fail "velmora-host transcribed '$text'"
+echo "velmora-host transcribe: $text"
+HIDDEN
+echo "moved install: passed"
