@@ -7,19 +7,20 @@
             print(piece, end="", flush=True)
 
 Every model takes `library=`: the path of the native library (or a loaded
-Library). Without it the library is looked for inside this package, then at
-the path recorded when the package was installed, then in the `build/src`
-directory of the checkout the package runs from (see find_library).
+Library). Without it the library is looked for inside this package (where the
+wheel puts it), then in the `build/src` directory of the checkout the package
+runs from (see find_library).
 The library's informational messages go to the "velmora" logger.
 """
 from ._abi import DEVICES
+from ._version import __version__
 from ._library import LIBRARY_FILE, Library, find_library, load_library
 from .config import Config
 from .errors import PropertyError, VelmoraError
 from .llm import LlmModel, TextStream
 from .whisper import WhisperModel
 
-__all__ = ["DEVICES", "LIBRARY_FILE", "Config", "Library", "LlmModel", "PropertyError", "TextStream",
+__all__ = ["__version__", "DEVICES", "LIBRARY_FILE", "Config", "Library", "LlmModel", "PropertyError", "TextStream",
            "VelmoraError", "WhisperModel", "compile_model", "find_library", "load_library"]
 
 

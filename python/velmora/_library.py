@@ -32,25 +32,12 @@ def _messages():
         return _local.messages
 
 
-def _recorded_at_install():
-    try:
-        from ._install_location import LIBRARY
-    except ImportError:
-        return None
-    return LIBRARY
-
-
 def candidate_paths():
     """Where a library is looked for when no path is given, first match wins:
-    a copy inside the package, the path recorded when the package was
-    installed, and the build tree of the checkout the package runs from."""
+    the copy inside the package (an installed wheel), then the build tree of
+    the checkout the package runs from."""
     package = Path(__file__).resolve().parent
-    places = [package / LIBRARY_FILE]
-    recorded = _recorded_at_install()
-    if recorded:
-        places.append(Path(recorded))
-    places.append(package.parent.parent / "build" / "src" / LIBRARY_FILE)
-    return places
+    return [package / LIBRARY_FILE, package.parent.parent / "build" / "src" / LIBRARY_FILE]
 
 
 def find_library():
