@@ -24,14 +24,16 @@ const Subcommand& SubcommandOf(Command id) {
 }
 
 // The library installed beside this program (P/bin and P/lib), or the one
-// of the build tree it was built in; found from this program's own file.
-std::string DefaultLibrary() {
+// of the build tree it was built in; found from this program's own file
+// (argv[0] where /proc is not mounted).
+std::string DefaultLibrary(const char* argv0) {
     std::error_code error;
-    const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", error);
+    std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", error);
+    if (error) self = std::filesystem::absolute(argv0, error);
     const std::filesystem::path top = self.parent_path().parent_path();
     for (const char* dir : {"lib", "src"}) {
         const auto candidate = top / dir / VELMORA_LIBRARY_NAME;
-        if (!error && std::filesystem::exists(candidate)) return candidate;
+        if (std::filesystem::exists(candidate, error)) return candidate;
     }
     return (top / "lib" / VELMORA_LIBRARY_NAME).string();
 }
@@ -48,7 +50,7 @@ int main(int argc, char** argv) {
         return error.empty() ? kOk : kUsage;
     }
     const Subcommand& sub = SubcommandOf(options.command);
-    if (options.library.empty()) options.library = DefaultLibrary();
+    if (options.library.empty()) options.library = DefaultLibrary(argv[0]);
     if (options.model.empty()) options.model = std::string("models/") + sub.defaultModel;
 
     Library library(options.library);
