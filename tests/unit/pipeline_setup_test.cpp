@@ -5,8 +5,8 @@
 #include <stdexcept>
 #include <string>
 
-#include "pipeline/device.h"
-#include "pipeline/properties.h"
+#include "core/device.h"
+#include "core/properties.h"
 #include "temp_dir.h"
 
 namespace fs = std::filesystem;

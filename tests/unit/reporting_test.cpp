@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "api/reporting.h"
+#include "core/reporting.h"
 
 using velmora::Family;
 using velmora::RunSlot;
@@ -34,7 +34,7 @@ public:
 
 // A slot shaped like the LLM query: a validation stage and a generation stage.
 int32_t QueryThrowing(int failAt, const std::exception& failure) {
-    return RunSlot(Family::Llm, &failAt, "null handle", "", [&] {
+    return RunSlot(Family::Llm, &failAt, "null handle", [&] {
         Stage([&] { if (failAt == 1) Rethrow(failure); }, {2, "validate: "}, {3, "other validate: "});
         Stage([&] { if (failAt == 2) Rethrow(failure); }, {4, "assert: "}, {5, "other: "});
         return 0;
@@ -55,7 +55,7 @@ TEST(Reporting, StagesMapAssertionsAndOtherErrorsToTheirStatusAndPrefix) {
     EXPECT_EQ(QueryThrowing(2, other), 5);
     EXPECT_EQ(QueryThrowing(2, EmptyText()), 5);
     EXPECT_EQ(QueryThrowing(0, other), 0);
-    EXPECT_EQ(RunSlot(Family::Llm, nullptr, "null handle", "", [] { return 0; }), 1);
+    EXPECT_EQ(RunSlot(Family::Llm, nullptr, "null handle", [] { return 0; }), 1);
     EXPECT_EQ(llmErrors, (std::vector<std::string>{"validate: Check 'x' failed", "other validate: boom",
                                                    "assert: Check 'x' failed", "other: boom",
                                                    "other: Unknown exception", "null handle"}));
@@ -64,10 +64,10 @@ TEST(Reporting, StagesMapAssertionsAndOtherErrorsToTheirStatusAndPrefix) {
 
 TEST(Reporting, NonStandardExceptionsStopAtTheBoundaryAndAFamilyWithoutErrorFunctionIsSilent) {
     velmora::StoreCallbacks(Family::Whisper, {nullptr, nullptr});
-    EXPECT_EQ(RunSlot(Family::Whisper, nullptr, "null", "", [] { return 0; }), 1);
-    EXPECT_EQ(RunSlot(Family::Whisper, "h", nullptr, "p: ", []() -> int32_t { throw 42; }), 1);
+    EXPECT_EQ(RunSlot(Family::Whisper, nullptr, "null", [] { return 0; }), 1);
+    EXPECT_EQ(RunSlot(Family::Whisper, "h", nullptr, []() -> int32_t { throw 42; }), 1);
     velmora::StoreCallbacks(Family::Whisper, {nullptr, WhisperError});
     whisperErrors.clear();
-    EXPECT_EQ(RunSlot(Family::Whisper, "h", nullptr, "p: ", []() -> int32_t { throw 42; }), 1);
-    EXPECT_EQ(whisperErrors, std::vector<std::string>{"p: Unknown exception"});
+    EXPECT_EQ(RunSlot(Family::Whisper, "h", nullptr, []() -> int32_t { throw 42; }), 1);
+    EXPECT_EQ(whisperErrors, std::vector<std::string>{"Unknown exception"});
 }

@@ -6,11 +6,11 @@
 #include <utility>
 #include <vector>
 
-#include "pipeline/config_properties.h"
-#include "pipeline/value_text.h"
+#include "core/setting_text.h"
+#include "llm/llm_settings.h"
 
 using velmora::IntegerParse;
-using velmora::genai::StopCriteria;
+using velmora::StopCriteria;
 
 namespace {
 
@@ -95,20 +95,20 @@ TEST(ValueText, BooleansAreTrueOnlyForTheWordTrueInAnyCase) {
         EXPECT_FALSE(velmora::ParseBool(text)) << text;
 }
 
-TEST(ConfigProperties, StopCriteriaMatchTheirNamesExactlyAndOthersFailSilently) {
-    velmora::genai::GenerationConfig config;
-    const auto table = velmora::LlmPropertyTable();
+TEST(SettingText, StopCriteriaMatchTheirNamesExactlyAndOthersFailSilently) {
+    velmora::llm::GenerationConfig config;
+    const auto& table = velmora::llm::kSettings;
     for (const char* name : {"EARLY", "HEURISTIC", "NEVER"}) {
-        EXPECT_EQ(velmora::SetPropertyByName(table, config, "stop_criteria", name), 0);
+        EXPECT_EQ(velmora::SetByName(table, config, "stop_criteria", name), 0);
         EXPECT_EQ(velmora::StopCriteriaText(config.stop_criteria), name);
     }
     for (const char* text : {"never", " NEVER", "NEVER ", "", "2"})
-        EXPECT_EQ(velmora::SetPropertyByName(table, config, "stop_criteria", text), 1) << text;
+        EXPECT_EQ(velmora::SetByName(table, config, "stop_criteria", text), 1) << text;
     EXPECT_EQ(config.stop_criteria, StopCriteria::NEVER);
     // A stored value outside the enumeration has no text.
     config.stop_criteria = static_cast<StopCriteria>(7);
     bool delivered = false;
-    EXPECT_EQ(velmora::GetPropertyByName(table, config, "stop_criteria", [&](const std::string&) { delivered = true; }),
+    EXPECT_EQ(velmora::GetByName(table, config, "stop_criteria", [&](const std::string&) { delivered = true; }),
               1);
     EXPECT_FALSE(delivered);
 }
