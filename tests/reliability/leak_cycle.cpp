@@ -13,7 +13,9 @@
 #include <string>
 #include <vector>
 
+#include "llm/llm_settings.h"
 #include "openvino_bindings.h"
+#include "whisper/whisper_settings.h"
 
 namespace {
 
@@ -42,21 +44,12 @@ long ResidentKiB() {
     return resident * (sysconf(_SC_PAGESIZE) / 1024);
 }
 
-const char* const llmNames[] = {
-    "diversity_penalty", "do_sample",       "eos_token_id",         "frequency_penalty",  "ignore_eos",
-    "include_stop_str_in_output", "length_penalty", "max_length",    "max_new_tokens",     "min_new_tokens",
-    "no_repeat_ngram_size", "num_beams",     "num_beam_groups",      "num_return_sequences", "presence_penalty",
-    "repetition_penalty", "rng_seed",       "stop_criteria",        "temperature",        "top_k",
-    "top_p"};
-const char* const whisperNames[] = {
-    "max_length",  "max_new_tokens", "decoder_start_token_id", "eos_token_id",     "pad_token_id",
-    "translate_token_id", "transcribe_token_id", "no_timestamps_token_id", "max_initial_timestamp_index",
-    "is_multilingual", "language", "task", "return_timestamps"};
-
 // Reads a setting and writes the same text back; a setting without a value
 // (an unset language) fails the read with one message and is skipped.
-template <class Api>
-void RoundTrip(const Api& api, void* handle, const char* name) {
+template <class Api, class Row>
+void RoundTrip(const Api& api, void* handle, const Row& row) {
+    if (!row.byName) return;
+    const char* name = row.name;
     char* text = nullptr;
     const int before = errorsSeen;
     if (api.GetConfigProperty(handle, name, &text) != 0) {
@@ -77,7 +70,7 @@ void LlmCycle(const LlmApiBase& llm, const std::string& dir) {
     EXPECT_OK(llm.FreeQueryResult(text));
     char prompt[] = "Once upon a time";
     EXPECT_OK(llm.StreamModel(handle, prompt, OnText));
-    for (const char* name : llmNames) RoundTrip(llm, handle, name);
+    for (const auto& row : velmora::llm::kSettings) RoundTrip(llm, handle, row);
 
     const char* stops[] = {"zebra", "aardvark", "zebra"};
     EXPECT_OK(llm.SetStopStrings(handle, stops, 3));
@@ -108,7 +101,7 @@ void LlmCycle(const LlmApiBase& llm, const std::string& dir) {
 void WhisperCycle(const WhisperApiBase& whisper, const std::string& dir, const std::vector<float>& audio) {
     void* handle = nullptr;
     EXPECT_OK(whisper.InitModel(dir.c_str(), DEVICE_CPU, &handle, &callbacks));
-    for (const char* name : whisperNames) RoundTrip(whisper, handle, name);
+    for (const auto& row : velmora::whisper::kSettings) RoundTrip(whisper, handle, row);
     // The tiny model would otherwise decode to its maximum length.
     EXPECT_OK(whisper.SetConfigProperty(handle, "max_new_tokens", "8"));
 
