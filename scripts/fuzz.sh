@@ -3,7 +3,6 @@
 # given number of seconds (default 600), then prints how many inputs it ran.
 # The corpus of each target grows in build-fuzz/corpus/ from run to run.
 #   scripts/fuzz.sh [seconds] [target...]      (default: every target)
-#     value_text_fuzzer     the value conversions against the standard ones
 #     llm_slots_fuzzer      the LLM settings and stop-string/stop-token slots
 #     whisper_slots_fuzzer  the Whisper settings, language-map and suppression-list slots
 # Every target takes the setting names and value fragments of tests/fuzz/settings.dict.
@@ -19,7 +18,7 @@ fi
 
 cmake --preset fuzz >/dev/null
 fuzzers=("$@")
-if ((${#fuzzers[@]} == 0)); then fuzzers=(value_text_fuzzer llm_slots_fuzzer whisper_slots_fuzzer); fi
+if ((${#fuzzers[@]} == 0)); then fuzzers=(llm_slots_fuzzer whisper_slots_fuzzer); fi
 cmake --build build-fuzz --target "${fuzzers[@]}"
 
 status=0

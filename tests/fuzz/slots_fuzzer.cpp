@@ -5,7 +5,8 @@
 // out-parameters are written only on success, that a setter changes its own
 // member only and stores what the standard conversions make of the text, that
 // getters give back what setters stored, and (through ASan) that every buffer
-// goes back through the release functions.
+// goes back through the release functions. The standard conversions are the
+// reference for the text conversions.
 #include <fuzzer/FuzzedDataProvider.h>
 #include <strings.h>
 
@@ -15,6 +16,7 @@
 #include <cstring>
 #include <map>
 #include <set>
+#include <stdexcept>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -79,7 +81,6 @@ T* Untouched() {
 std::string HostString(const std::string& bytes) { return std::string(bytes.c_str()); }
 
 bool SameFloat(float a, float b) { return std::memcmp(&a, &b, sizeof a) == 0; }
-
 bool SameMember(const Row& row, const Config& a, const Config& b) {
     return std::visit(
         [&](auto member) {
@@ -97,7 +98,31 @@ void OnlyChanged(const Config& before, const Config& after, const char* changed)
         if (changed == nullptr || std::strcmp(row.name, changed) != 0) CHECK(SameMember(row, before, after));
 }
 
-// What the standard conversions make of `value` for the row's member type.
+// The standard conversion a row's text goes through (on this platform int has
+// 32 bits, so stoi applies the library's rules to sizes and ids alike): the
+// reason it refuses `value` ("" when it takes it), and whether the row holds
+// what it makes of `value`.
+template <class Convert>
+std::string Refusal(const char* conversion, Convert&& convert) {
+    try {
+        convert();
+        return "";
+    } catch (const std::invalid_argument&) {
+        return std::string("invalid ") + conversion + " argument";
+    } catch (const std::out_of_range&) {
+        return std::string(conversion) + " argument out of range";
+    }
+}
+
+std::string ReferenceRefusal(const Row& row, const std::string& value) {
+    switch (row.kind()) {
+        case SettingKind::Size: return Refusal("stoi", [&] { std::stoi(value); });
+        case SettingKind::Integer: return Refusal("stol", [&] { std::stoi(value); });
+        case SettingKind::Float: return Refusal("stof", [&] { std::stof(value); });
+        default: return "";
+    }
+}
+
 bool HoldsConvertedValue(const Row& row, const Config& config, const std::string& value) {
     return std::visit(
         [&](auto member) {
@@ -148,8 +173,10 @@ void SetAndGet(Model& model, const std::string& name, const std::string& value) 
     } else if (status == 1 && message.empty()) {
         // Only a refused stop criterion fails without a word.
         CHECK(row->kind() == SettingKind::StopCriteria && !velmora::ParseStopCriteria(value));
-    } else if (status == 1) {
-        CHECK(message.rfind("An error occurred setting property " + name + " with value " + value + ": ", 0) == 0);
+    } else {
+        const std::string reason = ReferenceRefusal(*row, value);
+        CHECK(status == (reason.empty() ? 0 : 1));
+        if (status == 1) CHECK(message == "An error occurred setting property " + name + " with value " + value + ": " + reason);
     }
     OnlyChanged(before, model.config, status == 0 ? row->name : nullptr);
     if (status == 0) CHECK(HoldsConvertedValue(*row, model.config, value));
@@ -185,121 +212,110 @@ void SetAndGet(Model& model, const std::string& name, const std::string& value) 
     if (row->kind() != SettingKind::Float) OnlyChanged(set, model.config, nullptr);
 }
 
-// Sets ids drawn from the input through `set` and reads them back through
-// `get`: `expected` says what the list makes of them (a sorted set or the
-// same order with duplicates).
-template <class Setter, class Getter, class Expected>
-void IdList(Model& model, FuzzedDataProvider& input, const char* member, Setter set, Getter get, Expected expected) {
-    std::vector<int64_t> given(input.ConsumeIntegralInRange<size_t>(0, 16));
-    // Small ids repeat often, so duplicates are kept in view.
-    for (int64_t& id : given)
-        id = input.ConsumeBool() ? input.ConsumeIntegralInRange<int64_t>(0, 3) : input.ConsumeIntegral<int64_t>();
+// Calls a getter of a list and hands each element to `check` before the
+// release: the count must be `expected`, and an empty list leaves the array
+// out-parameter untouched.
+template <class T, class Getter, class Check, class Release>
+void ReadBack(Model& model, Getter get, size_t expected, Check check, Release release) {
+    T* out = Untouched<T>();
+    size_t count = 99;
+    CHECK(get(&model, &out, &count) == 0);
+    Outcome(0);
+    CHECK(count == expected);
+    if (count == 0) return CHECK(out == Untouched<T>());
+    for (size_t i = 0; i < count; ++i) check(out[i], i);
+    release(out, count);
+}
+
+// Calls a setter, which must succeed silently and change its own member only.
+template <class Set>
+void Replace(Model& model, const char* member, Set set) {
     const Config before = model.config;
-    CHECK(set(&model, given.empty() ? nullptr : given.data(), given.size()) == 0);
+    CHECK(set() == 0);
     Outcome(0);
     OnlyChanged(before, model.config, member);
-    const std::vector<int64_t> wanted = expected(given);
-
-    int64_t* ids = Untouched<int64_t>();
-    size_t count = 99;
-    CHECK(get(&model, &ids, &count) == 0);
-    Outcome(0);
-    CHECK(count == wanted.size());
-    if (count == 0) {
-        CHECK(ids == Untouched<int64_t>());
-        return;
-    }
-    CHECK(std::vector<int64_t>(ids, ids + count) == wanted);
-    velmora::FreeBuffer(ids);
 }
 
-std::vector<int64_t> AsGiven(const std::vector<int64_t>& ids) { return ids; }
+// Ids drawn from the input, small ones often so that duplicates show; `keep`
+// says what the list makes of them (a sorted set, or all in order).
+template <class Setter, class Getter>
+void IdList(Model& model, FuzzedDataProvider& input, const char* member, Setter set, Getter get, bool sorted) {
+    std::vector<int64_t> given(input.ConsumeIntegralInRange<size_t>(0, 16));
+    for (int64_t& id : given)
+        id = input.ConsumeBool() ? input.ConsumeIntegralInRange<int64_t>(0, 3) : input.ConsumeIntegral<int64_t>();
+    Replace(model, member, [&] { return set(&model, given.empty() ? nullptr : given.data(), given.size()); });
+    std::vector<int64_t> wanted = given;
+    if (sorted) {
+        const std::set<int64_t> unique(given.begin(), given.end());
+        wanted.assign(unique.begin(), unique.end());
+    }
+    ReadBack<int64_t>(model, get, wanted.size(), [&](int64_t id, size_t i) { CHECK(id == wanted[i]); },
+                      [](int64_t* ids, size_t) { velmora::FreeBuffer(ids); });
+}
+
+// Texts drawn from the input; the host's strings end at their first NUL.
+std::vector<std::string> Texts(FuzzedDataProvider& input, size_t most, size_t length) {
+    std::vector<std::string> texts(input.ConsumeIntegralInRange<size_t>(0, most));
+    for (std::string& text : texts) text = input.ConsumeRandomLengthString(length);
+    return texts;
+}
 
 #ifdef VELMORA_FUZZ_WHISPER
-// The language map keeps the first id of a repeated key, in key order.
-void LangToId(Model& model, FuzzedDataProvider& input) {
-    std::vector<std::string> keys(input.ConsumeIntegralInRange<size_t>(0, 8));
-    std::vector<LangIdPair> pairs;
-    for (std::string& key : keys) key = input.ConsumeRandomLengthString(24);
-    for (std::string& key : keys) pairs.push_back(LangIdPair{key.data(), input.ConsumeIntegral<int64_t>()});
-    const Config before = model.config;
-    CHECK(family::SetLangToId(&model, pairs.empty() ? nullptr : pairs.data(), pairs.size()) == 0);
-    Outcome(0);
-    OnlyChanged(before, model.config, "lang_to_id");
-    std::map<std::string, int64_t> expected;
-    for (const LangIdPair& pair : pairs) expected.emplace(pair.language, pair.id);
-
-    LangIdPair* out = Untouched<LangIdPair>();
-    size_t count = 99;
-    CHECK(family::GetLangToId(&model, &out, &count) == 0);
-    Outcome(0);
-    CHECK(count == expected.size());
-    if (count == 0) {
-        CHECK(out == Untouched<LangIdPair>());
-        return;
-    }
-    size_t k = 0;
-    for (const auto& [key, id] : expected) {
-        CHECK(std::strcmp(out[k].language, key.c_str()) == 0 && out[k].id == id);
-        velmora::FreeString(out[k++].language);
-    }
-    velmora::FreeBuffer(out);
-}
-
 void Lists(Model& model, FuzzedDataProvider& input) {
     switch (input.ConsumeIntegralInRange<int>(0, 2)) {
-        case 0:
-            LangToId(model, input);
+        case 0: {
+            // The language map keeps the first id of a repeated key, in key order.
+            std::vector<std::string> keys = Texts(input, 8, 24);
+            std::vector<LangIdPair> pairs;
+            std::map<std::string, int64_t> map;
+            for (std::string& key : keys) {
+                pairs.push_back(LangIdPair{key.data(), input.ConsumeIntegral<int64_t>()});
+                map.emplace(HostString(key), pairs.back().id);
+            }
+            Replace(model, "lang_to_id",
+                    [&] { return family::SetLangToId(&model, pairs.empty() ? nullptr : pairs.data(), pairs.size()); });
+            const std::vector<std::pair<std::string, int64_t>> wanted(map.begin(), map.end());
+            ReadBack<LangIdPair>(
+                model, family::GetLangToId, wanted.size(),
+                [&](const LangIdPair& pair, size_t i) {
+                    CHECK(pair.language == wanted[i].first && pair.id == wanted[i].second);
+                    velmora::FreeString(pair.language);
+                },
+                [](LangIdPair* out, size_t) { velmora::FreeBuffer(out); });
             break;
+        }
         case 1:
-            IdList(model, input, "suppress_tokens", family::SetSuppressTokens, family::GetSuppressTokens, AsGiven);
+            IdList(model, input, "suppress_tokens", family::SetSuppressTokens, family::GetSuppressTokens, false);
             break;
         default:
             IdList(model, input, "begin_suppress_tokens", family::SetBeginSuppressTokens,
-                   family::GetBeginSuppressTokens, AsGiven);
+                   family::GetBeginSuppressTokens, false);
             break;
     }
 }
 #else
-std::vector<int64_t> Sorted(const std::vector<int64_t>& ids) {
-    const std::set<int64_t> unique(ids.begin(), ids.end());
-    return std::vector<int64_t>(unique.begin(), unique.end());
-}
-
-// Stop strings are a set in byte order, each cut at the host's NUL.
-void StopStrings(Model& model, FuzzedDataProvider& input) {
-    std::vector<std::string> given(input.ConsumeIntegralInRange<size_t>(0, 8));
-    for (std::string& s : given) s = input.ConsumeRandomLengthString(64);
-    std::vector<const char*> pointers;
-    for (const std::string& s : given) pointers.push_back(s.c_str());
-    const Config before = model.config;
-    CHECK(family::SetStopStrings(&model, given.empty() ? nullptr : pointers.data(), given.size()) == 0);
-    Outcome(0);
-    OnlyChanged(before, model.config, "stop_strings");
-    std::set<std::string> expected;
-    for (const std::string& s : given) expected.insert(HostString(s));
-
-    char** strings = Untouched<char*>();
-    size_t count = 99;
-    CHECK(family::GetStopStrings(&model, &strings, &count) == 0);
-    Outcome(0);
-    CHECK(count == expected.size());
-    if (count == 0) {
-        CHECK(strings == Untouched<char*>());
-        return;
-    }
-    size_t i = 0;
-    for (const std::string& s : expected) CHECK(std::strcmp(strings[i++], s.c_str()) == 0);
-    velmora::FreeStringArray(strings, count);
-}
-
 void Lists(Model& model, FuzzedDataProvider& input) {
     switch (input.ConsumeIntegralInRange<int>(0, 2)) {
-        case 0:
-            StopStrings(model, input);
+        case 0: {
+            // Stop strings are a set in byte order.
+            const std::vector<std::string> given = Texts(input, 8, 64);
+            std::vector<const char*> pointers;
+            std::set<std::string> set;
+            for (const std::string& s : given) {
+                pointers.push_back(s.c_str());
+                set.insert(HostString(s));
+            }
+            Replace(model, "stop_strings", [&] {
+                return family::SetStopStrings(&model, given.empty() ? nullptr : pointers.data(), given.size());
+            });
+            const std::vector<std::string> wanted(set.begin(), set.end());
+            ReadBack<char*>(
+                model, family::GetStopStrings, wanted.size(), [&](char* s, size_t i) { CHECK(s == wanted[i]); },
+                [](char** strings, size_t count) { velmora::FreeStringArray(strings, count); });
             break;
+        }
         case 1:
-            IdList(model, input, "stop_token_ids", family::SetStopTokens, family::GetStopTokens, Sorted);
+            IdList(model, input, "stop_token_ids", family::SetStopTokens, family::GetStopTokens, true);
             break;
         default:
             // A criterion outside the enumeration, as a runtime could hand over.

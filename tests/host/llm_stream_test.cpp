@@ -102,20 +102,11 @@ TEST(LlmStream, PiecesMakeUpTheQueryTextAndTheHostMayStopThem) {
     ASSERT_EQ(Stream(model.handle()), 0);
     EXPECT_LE(seen.pieces.size(), 2u);
     EXPECT_TRUE(StartsWith(queried, Joined()));
-    // The host's stop raises no cancel: the next stream runs to its end.
-    Expect();
-    ASSERT_EQ(Stream(model.handle()), 0);
-    EXPECT_EQ(Joined(), queried);
-
     // A cancel between generations is forgotten by the next one.
     std::string again;
     EXPECT_EQ(Llm().CancelModel(model.handle()), 0);
     ASSERT_EQ(model.Query(kPrompt, again), 0);
     EXPECT_EQ(again, queried);
-    EXPECT_EQ(Llm().CancelModel(model.handle()), 0);
-    Expect();
-    ASSERT_EQ(Stream(model.handle()), 0);
-    EXPECT_EQ(Joined(), queried);
 }
 
 // The host function runs on a thread of the runtime's choosing, but its calls
@@ -149,10 +140,6 @@ TEST(LlmStream, CancelsFromOtherThreadsStopItAtOnceAndAreForgotten) {
     c1.join();
     c2.join();
     EXPECT_TRUE(StartsWith(full, Joined()));
-    // The next stream clears the flag the storm left raised and runs to its end.
-    Expect();
-    ASSERT_EQ(Stream(handle), 0);
-    EXPECT_EQ(Joined(), full);
 
     Clock::duration took{};
     Expect(0, holdAt);

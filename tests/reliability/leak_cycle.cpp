@@ -1,6 +1,6 @@
 // Runs every slot of both tables, with every release, in a loop of whole
 // handle lifetimes, and prints the resident memory so growth can be judged:
-//   leak_cycle LIBRARY MODELS_DIR [CYCLES] [llm|whisper]   (default: both families)
+//   leak_cycle LIBRARY MODELS_DIR [CYCLES]
 // Exits non-zero if any slot answers other than expected. Under LeakSanitizer
 // (the address build) the leaks themselves are reported at exit.
 #include <dlfcn.h>
@@ -105,25 +105,20 @@ void WhisperCycle(const WhisperApiBase& whisper, const std::string& dir, const s
     // The tiny model would otherwise decode to its maximum length.
     EXPECT_OK(whisper.SetConfigProperty(handle, "max_new_tokens", "8"));
 
+    // The loaded lists (never empty for this model) are copied out and set back.
     LangIdPair* pairs = nullptr;
     size_t count = 0;
     EXPECT_OK(whisper.GetLangToId(handle, &pairs, &count));
-    if (count != 0) {
-        EXPECT_OK(whisper.SetLangToId(handle, pairs, count));
-        for (size_t i = 0; i < count; ++i) EXPECT_OK(whisper.FreeConfigProperty(pairs[i].language));
-        EXPECT_OK(whisper.FreeLangToId(pairs));
-    }
+    EXPECT_OK(whisper.SetLangToId(handle, pairs, count));
+    for (size_t i = 0; i < count; ++i) EXPECT_OK(whisper.FreeConfigProperty(pairs[i].language));
+    EXPECT_OK(whisper.FreeLangToId(pairs));
     int64_t* ids = nullptr;
     EXPECT_OK(whisper.GetSuppressTokens(handle, &ids, &count));
-    if (count != 0) {
-        EXPECT_OK(whisper.SetSuppressTokens(handle, ids, count));
-        EXPECT_OK(whisper.FreeSuppressTokens(ids));
-    }
+    EXPECT_OK(whisper.SetSuppressTokens(handle, ids, count));
+    EXPECT_OK(whisper.FreeSuppressTokens(ids));
     EXPECT_OK(whisper.GetBeginSuppressTokens(handle, &ids, &count));
-    if (count != 0) {
-        EXPECT_OK(whisper.SetBeginSuppressTokens(handle, ids, count));
-        EXPECT_OK(whisper.FreeBeginSuppressTokens(ids));
-    }
+    EXPECT_OK(whisper.SetBeginSuppressTokens(handle, ids, count));
+    EXPECT_OK(whisper.FreeBeginSuppressTokens(ids));
 
     char* text = nullptr;
     EXPECT_OK(whisper.QueryModel(handle, audio.data(), static_cast<int32_t>(audio.size()), &text));
@@ -144,7 +139,6 @@ int main(int argc, char** argv) {
         return 2;
     }
     const int cycles = argc > 3 ? std::atoi(argv[3]) : 300;
-    const std::string only = argc > 4 ? argv[4] : "";
     void* library = dlopen(argv[1], RTLD_NOW | RTLD_LOCAL);
     if (library == nullptr) Fail(dlerror(), __LINE__);
     const auto& llm = *reinterpret_cast<const LlmApiBase* (*)()>(dlsym(library, "GetLlmApiBase"))();
@@ -156,23 +150,18 @@ int main(int argc, char** argv) {
     for (size_t i = 0; i < audio.size(); ++i) audio[i] = 0.3f * std::sin(2 * M_PI * 440 * i / 16000.0);
 
     std::printf("cycle resident_kib\n");
-    long atTen = 0, atHalf = 0, last = 0;
+    long atTen = 0, last = 0;
     for (int cycle = 1; cycle <= cycles; ++cycle) {
-        if (only != "whisper") LlmCycle(llm, models + "/tiny-llm");
-        if (only != "llm") WhisperCycle(whisper, models + "/tiny-whisper", audio);
+        LlmCycle(llm, models + "/tiny-llm");
+        WhisperCycle(whisper, models + "/tiny-whisper", audio);
         last = ResidentKiB();
         if (cycle == 10) atTen = last;
-        if (cycle == (cycles + 10) / 2) atHalf = last;
         if (cycle <= 10 || cycle % 25 == 0 || cycle == cycles) std::printf("%d %ld\n", cycle, last);
         std::fflush(stdout);
     }
-    if (cycles > 20) {
-        const int half = (cycles + 10) / 2;
-        std::printf("growth per cycle: %.1f KiB from cycle 10 to %d (%ld -> %ld KiB); %.1f KiB in cycles %d-%d, "
-                    "%.1f KiB in cycles %d-%d\n",
-                    double(last - atTen) / (cycles - 10), cycles, atTen, last, double(atHalf - atTen) / (half - 10),
-                    10, half, double(last - atHalf) / (cycles - half), half, cycles);
-    }
+    if (cycles > 20)
+        std::printf("growth per cycle: %.1f KiB from cycle 10 to %d (%ld -> %ld KiB)\n",
+                    double(last - atTen) / (cycles - 10), cycles, atTen, last);
     std::printf("streamed pieces: %d; failure messages: %d\n", piecesSeen, errorsSeen);
     return 0;
 }

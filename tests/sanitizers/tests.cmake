@@ -6,10 +6,10 @@ set(supp ${CMAKE_CURRENT_LIST_DIR})
 set(tbb "TBB_ENABLE_SANITIZERS=1")
 
 if(VELMORA_SANITIZE STREQUAL "address")
-  # The Python hosts are an uninstrumented interpreter loading an instrumented
+  # The Python host is an uninstrumented interpreter loading an instrumented
   # library, and the installed example an uninstrumented program doing the
   # same: each would need the ASan runtime preloaded, so they are left out.
-  set_tests_properties(python_host python_package install_example PROPERTIES DISABLED TRUE)
+  set_tests_properties(python_package install_example PROPERTIES DISABLED TRUE)
   set_tests_properties(cli PROPERTIES ENVIRONMENT "${tbb};ASAN_OPTIONS=detect_leaks=0")
   set(ubsan "UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1")
   set(asan "strict_string_checks=1:check_initialization_order=1")
@@ -22,7 +22,7 @@ if(VELMORA_SANITIZE STREQUAL "address")
 elseif(VELMORA_SANITIZE STREQUAL "thread")
   # Only the tests where threads meet: cancels during generation, handles
   # working side by side. The rest is single-threaded and covered by ASan.
-  set_tests_properties(unit_tests host_tests c_host python_host exported_symbols cli python_package install_example
+  set_tests_properties(unit_tests host_tests c_host exported_symbols cli python_package install_example
     PROPERTIES DISABLED TRUE)
   add_test(NAME host_concurrency COMMAND host_tests --gtest_filter=LlmStream.*:Concurrency*)
   set_tests_properties(host_concurrency PROPERTIES ENVIRONMENT
