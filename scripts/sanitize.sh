@@ -13,6 +13,7 @@ if ((${#steps[@]} == 0)); then steps=(asan tsan leak); fi
 status=0
 for step in "${steps[@]}"; do
   echo "== $step"
+  start=$SECONDS
   case $step in
     asan | tsan)
       cmake --preset "$step" >/dev/null
@@ -29,5 +30,6 @@ for step in "${steps[@]}"; do
       exit 2
       ;;
   esac
+  echo "== $step took $((SECONDS - start)) s"
 done
 exit $status
