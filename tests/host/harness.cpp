@@ -91,7 +91,11 @@ std::pair<int32_t, std::string> TextOf(Pair pair, const std::function<int32_t(ch
     return answer;
 }
 
-void ExpectRoundTrips(Pair pair, SetSetting set, GetSetting get, void* handle, const std::vector<Setting>& rows) {
+void ExpectRoundTrips(Pair pair, SetSetting set, GetSetting get, void* handle, const std::vector<Setting>& rows,
+                      const std::set<std::string>& names) {
+    std::set<std::string> tested;
+    for (const Setting& row : rows) tested.insert(row.name);
+    EXPECT_EQ(tested, names) << "one row per setting";
     for (const Setting& row : rows)
         EXPECT_EQ(Reported(pair, [&] { return set(handle, row.name, row.value); }).first, 0) << row.name;
     for (const Setting& row : rows)

@@ -3,6 +3,7 @@
 
 #include <filesystem>
 #include <functional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -41,7 +42,8 @@ std::pair<int32_t, std::string> Reported(Pair pair, const std::function<int32_t(
 // message. Checks that a failure leaves the out-parameter untouched.
 std::pair<int32_t, std::string> TextOf(Pair pair, const std::function<int32_t(char**)>& call);
 
-// Sets every row, then reads each back as `text`: two names sharing a member would show.
+// Sets every row, then reads each back as `text`: two names sharing a member
+// would show. The rows must name exactly the settings `names` holds.
 using GetSetting = int32_t (*)(void*, const char*, char**);
 using SetSetting = int32_t (*)(void*, const char*, const char*);
 struct Setting {
@@ -49,7 +51,17 @@ struct Setting {
     const char* value;
     const char* text;
 };
-void ExpectRoundTrips(Pair pair, SetSetting set, GetSetting get, void* handle, const std::vector<Setting>& rows);
+void ExpectRoundTrips(Pair pair, SetSetting set, GetSetting get, void* handle, const std::vector<Setting>& rows,
+                      const std::set<std::string>& names);
+
+// The names of a family's settings table reachable by name.
+template <class Table>
+std::set<std::string> NamesOf(const Table& table) {
+    std::set<std::string> names;
+    for (const auto& row : table)
+        if (row.byName) names.insert(row.name);
+    return names;
+}
 
 // The one message of an InitModel that must fail: LLM through pair A, Whisper
 // through pair B. Checks the one log line and that the handle stays unwritten.

@@ -79,7 +79,8 @@ std::string Joined() {
 template <class Action>
 void WhenHeld(Action&& whileHeld) {
     std::unique_lock<std::mutex> lock(seen.mutex);
-    seen.changed.wait(lock, [] { return seen.pieces.size() >= seen.holdAt; });
+    EXPECT_TRUE(seen.changed.wait_for(lock, std::chrono::minutes(1), [] { return seen.pieces.size() >= seen.holdAt; }))
+        << "the stream ended before its piece " << seen.holdAt;
     lock.unlock();
     whileHeld();
     lock.lock();
