@@ -51,6 +51,17 @@
 extern "C" {
 #endif
 
+/* The statuses slots return. Every slot returns STATUS_OK or STATUS_FAILED;
+ * only the LLM QueryModel also returns the four others. */
+enum {
+    STATUS_OK = 0,
+    STATUS_FAILED = 1,
+    STATUS_CONFIG_ASSERTION = 2, /* the settings failed validation: a runtime assertion */
+    STATUS_CONFIG_ERROR = 3,     /* the settings failed validation: any other error */
+    STATUS_QUERY_ASSERTION = 4,  /* generation failed: a runtime assertion */
+    STATUS_QUERY_ERROR = 5       /* generation failed: any other error */
+};
+
 /* Device selector passed to InitModel and CompileModel. Any other value is
  * refused with "<value>device type is not supported". */
 typedef int32_t DeviceType;
@@ -89,9 +100,8 @@ typedef struct LlmApiBase {
     int32_t (*DestroyModel)(void* handle);
     /* 2: Generates from one prompt and writes the first text as a Text buffer
      * (release: FreeQueryResult). A cancelled query returns 0 with the text so
-     * far. 1 null handle; 2 / 3 the settings failed validation (runtime
-     * assertion / other error); 4 / 5 generation failed (runtime assertion /
-     * other error). */
+     * far. STATUS_FAILED for a null handle, else STATUS_CONFIG_* or
+     * STATUS_QUERY_* (see the status enum). */
     int32_t (*QueryModel)(void* handle, const char* prompt, char** outText);
     /* 3: Generates from one prompt, handing each piece to onText. The runtime
      * may call onText on a streaming thread of its own rather than the calling

@@ -3,9 +3,9 @@
 # given number of seconds (default 600), then prints how many inputs it ran.
 # The corpus of each target grows in build-fuzz/corpus/ from run to run.
 #   scripts/fuzz.sh [seconds] [target...]      (default: every target)
-#     value_text_fuzzer     value conversions, settings by name on plain configs
 #     llm_slots_fuzzer      the LLM settings and stop-string/stop-token slots
 #     whisper_slots_fuzzer  the Whisper settings, language-map and suppression-list slots
+# Every target takes the setting names and value fragments of tests/fuzz/settings.dict.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${1:-600}
@@ -18,7 +18,7 @@ fi
 
 cmake --preset fuzz >/dev/null
 fuzzers=("$@")
-if ((${#fuzzers[@]} == 0)); then fuzzers=(value_text_fuzzer llm_slots_fuzzer whisper_slots_fuzzer); fi
+if ((${#fuzzers[@]} == 0)); then fuzzers=(llm_slots_fuzzer whisper_slots_fuzzer); fi
 cmake --build build-fuzz --target "${fuzzers[@]}"
 
 status=0
@@ -27,8 +27,7 @@ for fuzzer in "${fuzzers[@]}"; do
   artifacts=build-fuzz/artifacts/$fuzzer/
   log=build-fuzz/$fuzzer.log
   mkdir -p "$corpus" "$artifacts"
-  options=(-max_total_time="$seconds" -artifact_prefix="$artifacts" -print_final_stats=1)
-  if [[ -f tests/fuzz/$fuzzer.dict ]]; then options+=(-dict="tests/fuzz/$fuzzer.dict"); fi
+  options=(-max_total_time="$seconds" -artifact_prefix="$artifacts" -print_final_stats=1 -dict=tests/fuzz/settings.dict)
   echo "== $fuzzer for ${seconds}s (log: $log)"
   if build-fuzz/tests/fuzz/$fuzzer "$corpus" "${options[@]}" >"$log" 2>&1; then
     result="no findings"

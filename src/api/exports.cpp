@@ -1,5 +1,5 @@
 // The only two symbols the library exports, and the tables behind them.
-#include "buffers.h"
+#include "core/buffers.h"
 #include "llm/llm_slots.h"
 #include "openvino_bindings.h"
 #include "whisper/whisper_slots.h"

@@ -53,4 +53,12 @@ decltype(auto) WithRuntime(Call&& call) {
 py::dict ToKeywords(const ov::AnyMap& properties);
 py::str PathToPython(const std::filesystem::path& path);
 
+struct RuntimeConfig;
+// Reads every kept member of `config` (each value's type says how) from the
+// runtime's object, which becomes its origin.
+void Pull(const py::object& object, RuntimeConfig& config);
+// The object the runtime sees: the origin with the kept members written over
+// it, or fresh defaults for a config never loaded. Lock held.
+py::object Materialize(const RuntimeConfig& config);
+
 }  // namespace velmora::genai

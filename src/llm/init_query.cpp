@@ -3,9 +3,9 @@
 #include <string>
 #include <vector>
 
-#include "api/buffers.h"
-#include "api/init.h"
-#include "api/reporting.h"
+#include "core/buffers.h"
+#include "core/init.h"
+#include "core/reporting.h"
 #include "llm_slots.h"
 #include "openvino_llm_model.h"
 
@@ -23,20 +23,20 @@ int32_t DestroyModel(void* handle) {
 }
 
 int32_t QueryModel(void* handle, const char* prompt, char** outText) {
-    return RunSlot(Family::Llm, handle, "Model handle is null when querying model", "", [&] {
+    return RunSlot(Family::Llm, handle, "Model handle is null when querying model", [&] {
         auto* model = static_cast<OpenVinoLlmModel*>(handle);
-        Stage([&] { model->config.validate(); }, {2, "Failed to validate config: "},
-              {3, "Failure during config validation: "});
+        Stage([&] { model->validate(); }, {STATUS_CONFIG_ASSERTION, "Failed to validate config: "},
+              {STATUS_CONFIG_ERROR, "Failure during config validation: "});
         char* text = Stage(
             [&] {
-                const std::vector<std::string> texts = model->query({std::string(prompt)}, model->config);
+                const std::vector<std::string> texts = model->query(std::string(prompt));
                 // A generation that yields no text at all reads as the empty text.
                 return NewText(texts.empty() ? std::string() : texts.front());
             },
-            {4, "An OpenVINO assertion occurred while querying the model: "},
-            {5, "An unknown error occurred while querying the model: "});
+            {STATUS_QUERY_ASSERTION, "An OpenVINO assertion occurred while querying the model: "},
+            {STATUS_QUERY_ERROR, "An unknown error occurred while querying the model: "});
         *outText = text;
-        return 0;
+        return STATUS_OK;
     });
 }
 

@@ -2,8 +2,8 @@
 
 #include <filesystem>
 
-#include "pipeline/device.h"
-#include "pipeline/properties.h"
+#include "core/device.h"
+#include "core/properties.h"
 
 namespace velmora {
 
@@ -12,36 +12,32 @@ OpenVinoLlmModel::OpenVinoLlmModel(std::string modelPath, int32_t deviceType, in
     const ov::AnyMap properties = BuildPipelineProperties(directory, directory, false, contextLength, deviceType);
     const std::string device = DeviceName(deviceType);
     pipeline = std::make_unique<genai::LLMPipeline>(directory, device, properties);
-    config = pipeline->get_generation_config();
+    genai::RuntimeConfig own = genai::ToRuntime(config, llm::kSettings, llm::kRuntimeClass);
+    pipeline->read_generation_config(own);
+    config = genai::FromRuntime(own, llm::kSettings);
     // Prompts go to the model as the host wrote them.
     config.apply_chat_template = false;
     config.max_new_tokens = static_cast<std::size_t>(contextLength);
 }
 
-std::vector<std::string> OpenVinoLlmModel::query(const std::vector<std::string>& prompts,
-                                                 const genai::GenerationConfig& settings) {
-    cancelRequested.store(false, std::memory_order_relaxed);
-    std::function<bool(std::string)> cancelled = [this](std::string) {
-        return cancelRequested.load(std::memory_order_relaxed);
-    };
-    return pipeline->generate(prompts, settings, cancelled).texts;
+void OpenVinoLlmModel::validate() const {
+    genai::Validate(genai::ToRuntime(config, llm::kSettings, llm::kRuntimeClass));
 }
 
-void OpenVinoLlmModel::stream(std::vector<std::string> inputs, genai::GenerationConfig settings,
-                              std::function<bool(std::string)> streamer) {
+std::vector<std::string> OpenVinoLlmModel::query(const std::string& prompt) {
+    cancelRequested.store(false, std::memory_order_relaxed);
+    const genai::Streamer cancelled = [this](std::string) { return cancelRequested.load(std::memory_order_relaxed); };
+    return pipeline->generate({prompt}, genai::ToRuntime(config, llm::kSettings, llm::kRuntimeClass), cancelled);
+}
+
+void OpenVinoLlmModel::stream(const std::string& prompt, std::function<bool(std::string)> streamer) {
     cancelRequested.store(false, std::memory_order_relaxed);
     // Once a cancel is seen, no further piece reaches the host.
-    std::function<bool(std::string)> cancelAware = [streamer, this](std::string piece) {
+    const genai::Streamer cancelAware = [streamer, this](std::string piece) {
         if (cancelRequested.load(std::memory_order_relaxed)) return true;
         return streamer(std::move(piece));
     };
-    pipeline->generate(genai::StringInputs(std::move(inputs)), std::move(settings), cancelAware);
-}
-
-std::vector<int64_t> OpenVinoLlmModel::tokenize(std::string text) {
-    genai::TokenizedInputs tokens = pipeline->get_tokenizer().encode({std::move(text)}, ov::AnyMap{});
-    const int64_t* ids = tokens.input_ids.data<int64_t>();
-    return std::vector<int64_t>(ids, ids + tokens.input_ids.get_size());
+    pipeline->generate({prompt}, genai::ToRuntime(config, llm::kSettings, llm::kRuntimeClass), cancelAware);
 }
 
 }  // namespace velmora

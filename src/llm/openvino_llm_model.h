@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "genai/generation_config.h"
 #include "genai/pipelines.h"
+#include "llm_settings.h"
 
 namespace velmora {
 
@@ -17,13 +17,14 @@ class OpenVinoLlmModel {
 public:
     OpenVinoLlmModel(std::string modelPath, int32_t deviceType, int32_t contextLength);
 
-    std::vector<std::string> query(const std::vector<std::string>& prompts, const genai::GenerationConfig& settings);
-    void stream(std::vector<std::string> inputs, genai::GenerationConfig settings,
-                std::function<bool(std::string)> streamer);
-    std::vector<int64_t> tokenize(std::string text);
+    // Throws ov::AssertFailure when the runtime rejects the settings.
+    void validate() const;
+    std::vector<std::string> query(const std::string& prompt);
+    void stream(const std::string& prompt, std::function<bool(std::string)> streamer);
+    std::vector<int64_t> tokenize(const std::string& text) { return pipeline->tokenize(text); }
 
     std::unique_ptr<genai::LLMPipeline> pipeline;
-    genai::GenerationConfig config;
+    llm::GenerationConfig config;
     // Raised from any thread by CancelModel; read by the running streamer.
     std::atomic<bool> cancelRequested{false};
 };

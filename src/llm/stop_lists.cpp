@@ -3,15 +3,15 @@
 #include <set>
 #include <string>
 
-#include "api/buffers.h"
-#include "api/reporting.h"
+#include "core/buffers.h"
+#include "core/reporting.h"
 #include "llm_slots.h"
 #include "openvino_llm_model.h"
 
 namespace velmora::llm {
 namespace {
 
-genai::GenerationConfig& ConfigOf(void* handle) { return static_cast<OpenVinoLlmModel*>(handle)->config; }
+GenerationConfig& ConfigOf(void* handle) { return static_cast<OpenVinoLlmModel*>(handle)->config; }
 
 // Releases a partly built string array when building it fails.
 struct StringArray {
@@ -25,16 +25,16 @@ struct StringArray {
 }  // namespace
 
 int32_t SetStopStrings(void* handle, const char** strings, size_t count) {
-    return RunSlot(Family::Llm, handle, "Model handle is null when setting stop strings", "", [&] {
+    return RunSlot(Family::Llm, handle, "Model handle is null when setting stop strings", [&] {
         std::set<std::string>& stops = ConfigOf(handle).stop_strings;
         stops.clear();
         for (size_t i = 0; i < count; ++i) stops.insert(std::string(strings[i]));
-        return 0;
+        return STATUS_OK;
     });
 }
 
 int32_t GetStopStrings(void* handle, char*** outStrings, size_t* outCount) {
-    return RunSlot(Family::Llm, handle, "Model handle is null when getting stop strings", "", [&] {
+    return RunSlot(Family::Llm, handle, "Model handle is null when getting stop strings", [&] {
         const std::set<std::string>& stops = ConfigOf(handle).stop_strings;
         if (!stops.empty()) {
             StringArray copy{new char*[stops.size()](), stops.size()};
@@ -44,25 +44,25 @@ int32_t GetStopStrings(void* handle, char*** outStrings, size_t* outCount) {
             copy.strings = nullptr;
         }
         *outCount = stops.size();
-        return 0;
+        return STATUS_OK;
     });
 }
 
 int32_t SetStopTokens(void* handle, const int64_t* ids, size_t count) {
-    return RunSlot(Family::Llm, handle, "Model handle is null when setting stop tokens", "", [&] {
+    return RunSlot(Family::Llm, handle, "Model handle is null when setting stop tokens", [&] {
         std::set<int64_t>& stops = ConfigOf(handle).stop_token_ids;
         stops.clear();
         for (size_t i = 0; i < count; ++i) stops.insert(ids[i]);
-        return 0;
+        return STATUS_OK;
     });
 }
 
 int32_t GetStopTokens(void* handle, int64_t** outIds, size_t* outCount) {
-    return RunSlot(Family::Llm, handle, "Model handle is null when getting stop tokens", "", [&] {
+    return RunSlot(Family::Llm, handle, "Model handle is null when getting stop tokens", [&] {
         const std::set<int64_t>& stops = ConfigOf(handle).stop_token_ids;
         if (!stops.empty()) *outIds = NewTokenArray(stops);
         *outCount = stops.size();
-        return 0;
+        return STATUS_OK;
     });
 }
 

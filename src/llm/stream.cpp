@@ -3,9 +3,8 @@
 #include <functional>
 #include <memory>
 #include <string>
-#include <vector>
 
-#include "api/reporting.h"
+#include "core/reporting.h"
 #include "llm_slots.h"
 #include "openvino_llm_model.h"
 
@@ -25,20 +24,20 @@ std::function<bool(std::string)> HostStreamer(TextCallback onText) {
 }  // namespace
 
 int32_t StreamModel(void* handle, char* prompt, TextCallback onText) {
-    return RunSlot(Family::Llm, handle, "Model handle is null when streaming model", "", [&] {
+    return RunSlot(Family::Llm, handle, "Model handle is null when streaming model", [&] {
         auto* model = static_cast<OpenVinoLlmModel*>(handle);
         std::function<bool(std::string)> streamer = HostStreamer(onText);
-        Stage([&] { model->config.validate(); }, {1, "Failed to validate config: "}, {1, ""});
-        model->stream({std::string(prompt)}, model->config, streamer);
-        return 0;
+        Stage([&] { model->validate(); }, {STATUS_FAILED, "Failed to validate config: "}, {STATUS_FAILED, ""});
+        model->stream(std::string(prompt), streamer);
+        return STATUS_OK;
     });
 }
 
 // Only an atomic store: no lock, no allocation, safe from any thread.
 int32_t CancelModel(void* handle) {
-    return RunSlot(Family::Llm, handle, "Model handle is null when canceling", "", [&] {
+    return RunSlot(Family::Llm, handle, "Model handle is null when canceling", [&] {
         static_cast<OpenVinoLlmModel*>(handle)->cancelRequested.store(true, std::memory_order_relaxed);
-        return 0;
+        return STATUS_OK;
     });
 }
 

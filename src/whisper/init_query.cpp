@@ -3,9 +3,9 @@
 #include <string>
 #include <vector>
 
-#include "api/buffers.h"
-#include "api/init.h"
-#include "api/reporting.h"
+#include "core/buffers.h"
+#include "core/init.h"
+#include "core/reporting.h"
 #include "openvino_whisper_model.h"
 #include "whisper_slots.h"
 
@@ -21,32 +21,23 @@ int32_t DestroyModel(void* handle) {
     return 0;
 }
 
-namespace {
-
-// The samples as the runtime takes them. A count of 0 never reads `samples`.
-std::vector<float> Samples(const float* samples, int32_t sampleCount) {
-    if (sampleCount < 0) throw std::length_error("vector too long");
-    if (sampleCount == 0) return {};
-    return std::vector<float>(samples, samples + sampleCount);
-}
-
-}  // namespace
-
 int32_t QueryModel(void* handle, const float* samples, int32_t sampleCount, char** outText) {
-    return RunSlot(Family::Whisper, handle, "Model handle is null when querying model", "", [&] {
+    return RunSlot(Family::Whisper, handle, "Model handle is null when querying model", [&] {
         auto* model = static_cast<OpenVinoWhisperModel*>(handle);
-        Stage([&] { model->config.validate(); }, {1, "Failed to validate config: "}, {1, ""});
-        const std::vector<std::string> texts = model->query(Samples(samples, sampleCount), model->config);
+        Stage([&] { model->validate(); }, {STATUS_FAILED, "Failed to validate config: "}, {STATUS_FAILED, ""});
+        // Hosts match this text byte for byte.
+        if (sampleCount < 0) throw std::length_error("vector too long");
+        const std::vector<std::string> texts = model->query(samples, static_cast<size_t>(sampleCount));
         // A transcription that yields no text at all reads as the empty text.
         *outText = NewText(texts.empty() ? std::string() : texts.front());
-        return 0;
+        return STATUS_OK;
     });
 }
 
 int32_t CancelModel(void* handle) {
-    return RunSlot(Family::Whisper, handle, "Model handle is null when canceling", "", [&] {
+    return RunSlot(Family::Whisper, handle, "Model handle is null when canceling", [&] {
         static_cast<OpenVinoWhisperModel*>(handle)->cancelRequested.store(true, std::memory_order_relaxed);
-        return 0;
+        return STATUS_OK;
     });
 }
 

@@ -2,34 +2,34 @@
 #include <cstring>
 #include <vector>
 
-#include "api/buffers.h"
-#include "api/reporting.h"
+#include "core/buffers.h"
+#include "core/reporting.h"
 #include "openvino_whisper_model.h"
 #include "whisper_slots.h"
 
 namespace velmora::whisper {
 namespace {
 
-using TokenList = std::vector<int64_t> genai::WhisperGenerationConfig::*;
+using TokenList = std::vector<int64_t> GenerationConfig::*;
 
 OpenVinoWhisperModel& ModelOf(void* handle) { return *static_cast<OpenVinoWhisperModel*>(handle); }
 
 int32_t GetTokens(void* handle, TokenList list, const char* nullMessage, int64_t** outIds, size_t* outCount) {
-    return RunSlot(Family::Whisper, handle, nullMessage, "", [&] {
+    return RunSlot(Family::Whisper, handle, nullMessage, [&] {
         const std::vector<int64_t>& ids = ModelOf(handle).config.*list;
         if (!ids.empty()) *outIds = NewTokenArray(ids);
         *outCount = ids.size();
-        return 0;
+        return STATUS_OK;
     });
 }
 
-// Hosts index their arrays with a 32-bit count, as the setters do.
+// The setters walk the host's array with a 32-bit index, as hosts expect.
 int32_t SetTokens(void* handle, TokenList list, const char* nullMessage, const int64_t* ids, size_t count) {
-    return RunSlot(Family::Whisper, handle, nullMessage, "", [&] {
+    return RunSlot(Family::Whisper, handle, nullMessage, [&] {
         std::vector<int64_t>& target = ModelOf(handle).config.*list;
         target.clear();
         for (int32_t i = 0; static_cast<size_t>(i) < count; ++i) target.push_back(ids[i]);
-        return 0;
+        return STATUS_OK;
     });
 }
 
@@ -47,28 +47,29 @@ struct PairArray {
 }  // namespace
 
 int32_t GetLangToId(void* handle, LangIdPair** outPairs, size_t* outCount) {
-    return RunSlot(Family::Whisper, handle, "Model handle is null when getting lang_to_id", "", [&] {
+    return RunSlot(Family::Whisper, handle, "Model handle is null when getting lang_to_id", [&] {
         const auto& map = ModelOf(handle).config.lang_to_id;
         if (map.empty()) {
             *outCount = 0;
-            return 0;
+            return STATUS_OK;
         }
-        try {
-            PairArray copy{new LangIdPair[map.size()](), map.size()};
-            size_t k = 0;
-            for (const auto& [language, id] : map) copy.pairs[k++] = LangIdPair{NewText(language), id};
-            *outPairs = copy.pairs;
-            *outCount = map.size();
-            copy.pairs = nullptr;
-            return 0;
-        } catch (const std::exception&) {
-            throw SlotFailure(1, "An error occurred getting lang_to_id");
-        }
+        PairArray copy{nullptr, map.size()};
+        Stage(
+            [&] {
+                copy.pairs = new LangIdPair[map.size()]();
+                size_t k = 0;
+                for (const auto& [language, id] : map) copy.pairs[k++] = LangIdPair{NewText(language), id};
+            },
+            {STATUS_FAILED, "An error occurred getting lang_to_id", Reason::Dropped});
+        *outPairs = copy.pairs;
+        *outCount = map.size();
+        copy.pairs = nullptr;
+        return STATUS_OK;
     });
 }
 
 int32_t SetLangToId(void* handle, const LangIdPair* pairs, size_t count) {
-    return RunSlot(Family::Whisper, handle, "Model handle is null when setting lang_to_id", "", [&] {
+    return RunSlot(Family::Whisper, handle, "Model handle is null when setting lang_to_id", [&] {
         auto& map = ModelOf(handle).config.lang_to_id;
         map.clear();
         try {
@@ -77,27 +78,27 @@ int32_t SetLangToId(void* handle, const LangIdPair* pairs, size_t count) {
         } catch (const std::exception&) {
             throw SlotFailure(1, "An error occurred setting lang_to_id");
         }
-        return 0;
+        return STATUS_OK;
     });
 }
 
 int32_t GetBeginSuppressTokens(void* handle, int64_t** outIds, size_t* outCount) {
-    return GetTokens(handle, &genai::WhisperGenerationConfig::begin_suppress_tokens,
+    return GetTokens(handle, &GenerationConfig::begin_suppress_tokens,
                      "Model handle is null when getting begin_suppress_tokens", outIds, outCount);
 }
 
 int32_t SetBeginSuppressTokens(void* handle, const int64_t* ids, size_t count) {
-    return SetTokens(handle, &genai::WhisperGenerationConfig::begin_suppress_tokens,
+    return SetTokens(handle, &GenerationConfig::begin_suppress_tokens,
                      "Model handle is null when setting begin_suppress_tokens", ids, count);
 }
 
 int32_t GetSuppressTokens(void* handle, int64_t** outIds, size_t* outCount) {
-    return GetTokens(handle, &genai::WhisperGenerationConfig::suppress_tokens,
+    return GetTokens(handle, &GenerationConfig::suppress_tokens,
                      "Model handle is null when getting suppress_tokens", outIds, outCount);
 }
 
 int32_t SetSuppressTokens(void* handle, const int64_t* ids, size_t count) {
-    return SetTokens(handle, &genai::WhisperGenerationConfig::suppress_tokens,
+    return SetTokens(handle, &GenerationConfig::suppress_tokens,
                      "Model handle is null when setting suppress_tokens", ids, count);
 }
 

@@ -2,7 +2,7 @@
 
 #include <filesystem>
 
-#include "pipeline/device.h"
+#include "core/device.h"
 
 namespace velmora {
 
@@ -12,17 +12,21 @@ OpenVinoWhisperModel::OpenVinoWhisperModel(std::string modelPath, int32_t device
     const std::string device = DeviceName(deviceType);
     const std::filesystem::path directory(modelPath);
     pipeline = std::make_unique<genai::WhisperPipeline>(directory, device, ov::AnyMap{});
-    config = pipeline->get_generation_config();
+    genai::RuntimeConfig own = genai::ToRuntime(config, whisper::kSettings, whisper::kRuntimeClass);
+    pipeline->read_generation_config(own);
+    config = genai::FromRuntime(own, whisper::kSettings);
 }
 
-std::vector<std::string> OpenVinoWhisperModel::query(const std::vector<float>& samples,
-                                                     const genai::WhisperGenerationConfig& settings) {
+void OpenVinoWhisperModel::validate() const {
+    genai::Validate(genai::ToRuntime(config, whisper::kSettings, whisper::kRuntimeClass));
+}
+
+std::vector<std::string> OpenVinoWhisperModel::query(const float* samples, std::size_t count) {
     cancelRequested.store(false, std::memory_order_relaxed);
     // Pieces are not shown to the host: the streamer serves only to cancel.
-    std::function<bool(std::string)> cancelled = [this](std::string) {
-        return cancelRequested.load(std::memory_order_relaxed);
-    };
-    return pipeline->generate(std::vector<float>(samples), settings, cancelled).texts;
+    const genai::Streamer cancelled = [this](std::string) { return cancelRequested.load(std::memory_order_relaxed); };
+    return pipeline->generate(samples, count, genai::ToRuntime(config, whisper::kSettings, whisper::kRuntimeClass),
+                              cancelled);
 }
 
 }  // namespace velmora

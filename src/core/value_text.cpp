@@ -12,13 +12,13 @@ namespace {
 const char* NameOf(IntegerParse parse) { return parse == IntegerParse::Stoi ? "stoi" : "stol"; }
 
 struct StopCriteriaName {
-    genai::StopCriteria value;
+    StopCriteria value;
     const char* name;
 };
 constexpr StopCriteriaName kStopCriteriaNames[] = {
-    {genai::StopCriteria::EARLY, "EARLY"},
-    {genai::StopCriteria::HEURISTIC, "HEURISTIC"},
-    {genai::StopCriteria::NEVER, "NEVER"},
+    {StopCriteria::EARLY, "EARLY"},
+    {StopCriteria::HEURISTIC, "HEURISTIC"},
+    {StopCriteria::NEVER, "NEVER"},
 };
 
 }  // namespace
@@ -51,7 +51,7 @@ bool ParseBool(const std::string& text) {
     return lower == "true";
 }
 
-std::optional<genai::StopCriteria> ParseStopCriteria(const std::string& text) {
+std::optional<StopCriteria> ParseStopCriteria(const std::string& text) {
     for (const StopCriteriaName& entry : kStopCriteriaNames)
         if (text == entry.name) return entry.value;
     return std::nullopt;
@@ -73,7 +73,7 @@ std::string FloatText(float value) {
 
 std::string BoolText(bool value) { return value ? "true" : "false"; }
 
-std::optional<std::string> StopCriteriaText(genai::StopCriteria value) {
+std::optional<std::string> StopCriteriaText(StopCriteria value) {
     for (const StopCriteriaName& entry : kStopCriteriaNames)
         if (value == entry.value) return std::string(entry.name);
     return std::nullopt;

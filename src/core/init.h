@@ -12,13 +12,13 @@ namespace velmora {
 template <class Build>
 int32_t InitHandle(Family family, const HostCallbacks* callbacks, const char* logMessage, void** outHandle,
                    Build&& build) noexcept {
-    if (callbacks == nullptr || callbacks->error == nullptr) return 1;
+    if (callbacks == nullptr || callbacks->error == nullptr) return STATUS_FAILED;
     StoreCallbacks(family, *callbacks);
     Log(family, logMessage);
-    return RunSlot(family, nullptr, nullptr, "", [&] {
+    return RunSlot(family, nullptr, nullptr, [&] {
         auto model = build();
         *outHandle = model.release();
-        return 0;
+        return STATUS_OK;
     });
 }
 

@@ -36,15 +36,24 @@ private:
     std::string message_;
 };
 
-// How one kind of caught exception is reported: its status and the prefix put
-// before what() (empty for the text alone).
+// How one kind of caught exception is reported: its status and the text put
+// before what(), or, without the reason, that text alone.
+enum class Reason { Kept, Dropped };
 struct Outcome {
     int32_t status;
-    std::string_view prefix;
+    std::string_view text;
+    Reason reason = Reason::Kept;
+
+    SlotFailure Failure(const std::exception& e) const {
+        std::string message(text);
+        if (reason == Reason::Kept) message += TextOf(e);
+        return SlotFailure(status, std::move(message));
+    }
 };
 
 // Runs one step of a slot, classifying what it throws: runtime assertions
-// first, then every other std::exception.
+// first, then every other std::exception. The one way a slot turns a failure
+// into a status other than 1 or a message other than what() alone.
 template <class Step>
 decltype(auto) Stage(Step&& step, Outcome onAssert, Outcome onOther) {
     try {
@@ -52,20 +61,26 @@ decltype(auto) Stage(Step&& step, Outcome onAssert, Outcome onOther) {
     } catch (const SlotFailure&) {
         throw;
     } catch (const ov::AssertFailure& e) {
-        throw SlotFailure(onAssert.status, std::string(onAssert.prefix) + TextOf(e));
+        throw onAssert.Failure(e);
     } catch (const std::exception& e) {
-        throw SlotFailure(onOther.status, std::string(onOther.prefix) + TextOf(e));
+        throw onOther.Failure(e);
     }
 }
 
+template <class Step>
+decltype(auto) Stage(Step&& step, Outcome onAny) {
+    return Stage(std::forward<Step>(step), onAny, onAny);
+}
+
 // The boundary of every slot: the null-handle rule, then the body, with
-// anything it throws reported once. `nullMessage` is null for slots without a
-// handle; `prefix` goes before what() of an exception the body did not stage.
+// anything it throws reported once: a staged failure as staged, any other
+// exception as its what() with status 1. `nullMessage` is null for slots
+// without a handle.
 template <class Body>
-int32_t RunSlot(Family family, const void* handle, const char* nullMessage, std::string_view prefix, Body&& body) noexcept {
+int32_t RunSlot(Family family, const void* handle, const char* nullMessage, Body&& body) noexcept {
     if (nullMessage != nullptr && handle == nullptr) {
         Report(family, nullMessage);
-        return 1;
+        return STATUS_FAILED;
     }
     try {
         try {
@@ -74,15 +89,15 @@ int32_t RunSlot(Family family, const void* handle, const char* nullMessage, std:
             Report(family, f.what());
             return f.status();
         } catch (const std::exception& e) {
-            Report(family, std::string(prefix) + TextOf(e));
-            return 1;
+            Report(family, TextOf(e));
+            return STATUS_FAILED;
         } catch (...) {
-            Report(family, std::string(prefix) + "Unknown exception");
-            return 1;
+            Report(family, "Unknown exception");
+            return STATUS_FAILED;
         }
     } catch (...) {
         // Building the message itself failed (no memory): the status still says it.
-        return 1;
+        return STATUS_FAILED;
     }
 }
 

@@ -8,6 +8,8 @@ namespace fs = std::filesystem;
 
 ov::AnyMap BuildPipelineProperties(const fs::path& modelDirectory, const fs::path& cacheDirectory,
                                    bool blobMustBeAbsent, int32_t contextLength, int32_t deviceType) {
+    // These texts, "provide" and "dreictory" included, are this library's own:
+    // hosts match them byte for byte.
     if (contextLength < 1) throw std::invalid_argument("The context length must be greater than 0");
     // The throwing overload: a failing status query other than "not found"
     // surfaces as the standard library's filesystem_error.

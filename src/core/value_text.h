@@ -9,7 +9,7 @@
 #include <optional>
 #include <string>
 
-#include "genai/generation_config.h"
+#include "setting.h"
 
 namespace velmora {
 
@@ -30,7 +30,7 @@ float ParseFloat(const std::string& text);
 bool ParseBool(const std::string& text);
 
 // The enumerator of exactly that name, or nothing.
-std::optional<genai::StopCriteria> ParseStopCriteria(const std::string& text);
+std::optional<StopCriteria> ParseStopCriteria(const std::string& text);
 
 std::string UnsignedText(std::size_t value);
 std::string SignedText(int64_t value);
@@ -38,6 +38,6 @@ std::string SignedText(int64_t value);
 std::string FloatText(float value);
 std::string BoolText(bool value);
 // The enumerator's name, or nothing for a value outside the enumeration.
-std::optional<std::string> StopCriteriaText(genai::StopCriteria value);
+std::optional<std::string> StopCriteriaText(StopCriteria value);
 
 }  // namespace velmora

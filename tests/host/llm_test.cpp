@@ -1,0 +1,344 @@
+// The LLM table on the tiny model: loading, queries, settings, stop lists,
+// tokenizing and compiling. Streams and cancels: llm_stream_test.cpp.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "harness.h"
+#include "llm/llm_settings.h"
+
+namespace fs = std::filesystem;
+using host::Callbacks;
+using host::InboxOf;
+using host::Llm;
+using host::LlmInitError;
+using host::LlmModel;
+using host::Pair;
+using host::StartsWith;
+
+namespace {
+
+std::pair<int32_t, std::string> Get(void* handle, const char* name) {
+    return host::TextOf(Pair::A, [&](char** out) { return Llm().GetConfigProperty(handle, name, out); });
+}
+
+std::vector<std::string> StopStrings(void* handle) {
+    char** strings = host::Untouched<char*>();
+    size_t count = 99;
+    EXPECT_EQ(Llm().GetStopStrings(handle, &strings, &count), 0);
+    if (count == 0) {
+        EXPECT_EQ(strings, host::Untouched<char*>());
+        return {};
+    }
+    std::vector<std::string> result(strings, strings + count);
+    EXPECT_EQ(Llm().FreeStopStrings(strings, count), 0);
+    return result;
+}
+
+// Runs a snippet in the runtime's own Python environment and returns what it
+// printed; arguments go as hex so no text needs quoting.
+std::string RunPython(const std::string& script, const std::vector<std::string>& args) {
+    std::ostringstream command;
+    command << (fs::path(VELMORA_MODELS_DIR).parent_path() / ".venv/bin/python") << " -c '" << script << "'";
+    for (const std::string& arg : args) {
+        command << " '";
+        for (unsigned char c : arg) command << "0123456789abcdef"[c >> 4] << "0123456789abcdef"[c & 15];
+        command << "'";
+    }
+    FILE* pipe = popen(command.str().c_str(), "r");
+    if (pipe == nullptr) return {};
+    std::string output;
+    char buffer[4096];
+    for (size_t n; (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) output.append(buffer, n);
+    EXPECT_EQ(pclose(pipe), 0) << command.str();
+    return output;
+}
+
+std::vector<std::string> Listing(const fs::path& dir) {
+    std::vector<std::string> entries;
+    for (const fs::directory_entry& e : fs::recursive_directory_iterator(dir)) entries.push_back(e.path().string());
+    std::sort(entries.begin(), entries.end());
+    return entries;
+}
+
+const std::string kCompilePrefix = "An exception occurred while compiling the model: ";
+
+// CompileModel needs no handle; a failed InitModel stores pair A for its reports.
+std::pair<int32_t, std::string> Compile(const fs::path& dir, int device, int contextLength) {
+    void* handle = nullptr;
+    Llm().InitModel("", DEVICE_CPU, 0, &handle, &Callbacks(Pair::A));
+    return host::Reported(Pair::A, [&] { return Llm().CompileModel(dir.c_str(), device, contextLength); });
+}
+
+}  // namespace
+
+TEST(LlmInit, ReportsTheFirstFailingCheckInOrder) {
+    host::TempDir dir;
+    dir.Touch("file.txt");
+    const fs::path model = host::ModelDir("tiny-llm");
+    EXPECT_EQ(LlmInitError(dir.path() / "missing", 7, 0), "The context length must be greater than 0");
+    EXPECT_EQ(LlmInitError(dir.path() / "missing", 0, 16), "The provided model path is not a directory");
+    EXPECT_EQ(LlmInitError(dir.path() / "file.txt", 0, 16), "The provided model path is not a directory");
+    // Properties are built before the device is named.
+    EXPECT_EQ(LlmInitError(model, 7, 16), "7device type is not supported");
+    EXPECT_EQ(LlmInitError(dir.path(), 2, 16), "The provided cache dreictory does not contain an expected blob file");
+    // With a blob below, the NPU passes every check of ours and fails in the
+    // runtime, as this machine has none.
+    const fs::path variant = host::ModelVariant(dir, "tiny-llm", "{}");
+    dir.Touch(fs::path("tiny-llm") / "nested" / "model.blob");
+    EXPECT_TRUE(host::Contains(LlmInitError(variant, 2, 16), "Exception from"));
+}
+
+TEST(LlmInit, NeedsAnErrorFunctionAndALaterInitRedirectsItsFamilyOnly) {
+    const fs::path model = host::ModelDir("tiny-llm");
+    void* handle = nullptr;
+    EXPECT_EQ(Llm().InitModel(model.c_str(), 0, 16, &handle, nullptr), 1);
+    const HostCallbacks noError = {Callbacks(Pair::A).log, nullptr};
+    EXPECT_EQ(Llm().InitModel(model.c_str(), 0, 16, &handle, &noError), 1);
+    EXPECT_EQ(handle, nullptr);
+    void* whisperHandle = nullptr;
+    host::Whisper().InitModel("", 9, &whisperHandle, &Callbacks(Pair::A));
+    // A missing log function is skipped; the model still loads.
+    host::ClearInboxes();
+    const HostCallbacks noLog = {nullptr, Callbacks(Pair::A).error};
+    ASSERT_EQ(Llm().InitModel(model.c_str(), 0, 16, &handle, &noLog), 0);
+    EXPECT_TRUE(InboxOf(Pair::A).logs.empty());
+
+    // The second init fails, but its pair is already in place for its own report.
+    void* other = nullptr;
+    EXPECT_EQ(Llm().InitModel("", 0, 0, &other, &Callbacks(Pair::B)), 1);
+    EXPECT_EQ(InboxOf(Pair::B).errors.size(), 1u);
+    EXPECT_EQ(Llm().QueryModel(nullptr, "x", nullptr), 1);
+    EXPECT_EQ(host::Whisper().CancelModel(nullptr), 1);
+    EXPECT_EQ(InboxOf(Pair::B).errors.size(), 2u);
+    EXPECT_EQ(InboxOf(Pair::A).errors.size(), 1u);
+    EXPECT_EQ(Llm().DestroyModel(handle), 0);
+}
+
+TEST(LlmQuery, TheContextLengthAndMaxNewTokensBoundTheDeterministicText) {
+    std::string fromContext, three, six, again;
+    {
+        LlmModel bounded(host::ModelDir("tiny-llm"), 3);
+        ASSERT_EQ(bounded.Query("Once upon a time", fromContext), 0) << fromContext;
+    }
+    void* handle = nullptr;
+    ASSERT_EQ(Llm().InitModel(host::ModelDir("tiny-llm").c_str(), DEVICE_CPU, 512, &handle, &Callbacks(Pair::A)), 0);
+    ASSERT_EQ(Llm().SetConfigProperty(handle, "max_new_tokens", "3"), 0);
+    char* text = nullptr;
+    ASSERT_EQ(Llm().QueryModel(handle, "Once upon a time", &text), 0);
+    three = text;
+    ASSERT_EQ(Llm().SetConfigProperty(handle, "max_new_tokens", "6"), 0);
+    char* longer = nullptr;
+    ASSERT_EQ(Llm().QueryModel(handle, "Once upon a time", &longer), 0);
+    // The texts are terminated copies that outlive their handle.
+    EXPECT_EQ(Llm().DestroyModel(handle), 0);
+    six = longer;
+    EXPECT_EQ(text, three);
+    EXPECT_EQ(Llm().FreeQueryResult(text), 0);
+    EXPECT_EQ(Llm().FreeQueryResult(longer), 0);
+    // The context length is the default number of new tokens.
+    EXPECT_EQ(three, fromContext);
+    EXPECT_FALSE(three.empty());
+    EXPECT_GT(six.size(), three.size());
+    EXPECT_TRUE(StartsWith(six, three)) << three << " / " << six;
+}
+
+// Adding a setting to the table means adding its row here.
+TEST(LlmSettings, EverySettingKeepsItsOwnValueInItsTextForm) {
+    const std::vector<host::Setting> rows = {
+        {"diversity_penalty", "0.25", "0.250000"},
+        {"do_sample", "TRUE", "true"},
+        {"eos_token_id", "-7", "-7"},
+        {"frequency_penalty", "-0.5", "-0.500000"},
+        {"ignore_eos", "tRuE", "true"},
+        {"include_stop_str_in_output", "true", "true"},
+        {"length_penalty", "2", "2.000000"},
+        {"max_length", "300", "300"},
+        {"max_new_tokens", "-1", "18446744073709551615"},
+        {"min_new_tokens", "2", "2"},
+        {"no_repeat_ngram_size", "3", "3"},
+        {"num_beams", "4", "4"},
+        {"num_beam_groups", "2", "2"},
+        {"num_return_sequences", "3", "3"},
+        {"presence_penalty", "0.7", "0.700000"},
+        {"repetition_penalty", "1", "1.000000"},
+        {"rng_seed", "2147483647", "2147483647"},
+        {"stop_criteria", "NEVER", "NEVER"},
+        {"temperature", "340282346638528859811704183484516925440", "340282346638528859811704183484516925440.000000"},
+        {"top_k", "42abc", "42"},
+        {"top_p", " .5x", "0.500000"},
+    };
+
+    LlmModel model(host::ModelDir("tiny-llm"), 512);
+    EXPECT_EQ(Get(model.handle(), "max_new_tokens"), std::make_pair(0, std::string("512")));
+    host::ExpectRoundTrips(Pair::A, Llm().SetConfigProperty, Llm().GetConfigProperty, model.handle(), rows,
+                           host::NamesOf(velmora::llm::kSettings));
+}
+
+TEST(LlmSettings, UnknownNamesAndRefusedValuesStoreNothing) {
+    LlmModel model(host::ModelDir("tiny-llm"), 512);
+    for (const char* name : {"MAX_NEW_TOKENS", " max_new_tokens", "", "apply_chat_template", "stop_strings"}) {
+        const std::string quoted = std::string("property ") + name + ". Property name not supported.";
+        EXPECT_EQ(model.Set(name, "7"), std::make_pair(1, "An error occurred setting " + quoted));
+        EXPECT_EQ(Get(model.handle(), name), std::make_pair(1, "An error occurred getting " + quoted));
+    }
+    struct Case {
+        const char* name;
+        const char* value;
+        const char* reason;
+    } cases[] = {
+        {"max_new_tokens", "abc", "invalid stoi argument"},
+        {"max_new_tokens", "2147483648", "stoi argument out of range"},
+        {"eos_token_id", "2147483648", "stol argument out of range"},
+        {"eos_token_id", " x1", "invalid stol argument"},
+        {"temperature", "1e39", "stof argument out of range"},
+        {"top_p", "x", "invalid stof argument"},
+    };
+    for (const Case& c : cases) {
+        const auto before = Get(model.handle(), c.name);
+        EXPECT_EQ(model.Set(c.name, c.value),
+                  std::make_pair(1, std::string("An error occurred setting property ") + c.name + " with value " +
+                                        c.value + ": " + c.reason));
+        EXPECT_EQ(Get(model.handle(), c.name), before) << c.name;
+    }
+    // An unknown stop criterion fails without a word.
+    const auto criterion = Get(model.handle(), "stop_criteria");
+    EXPECT_EQ(model.Set("stop_criteria", "never"), std::make_pair(1, std::string()));
+    EXPECT_EQ(Get(model.handle(), "stop_criteria"), criterion);
+}
+
+TEST(LlmSettings, StoredCombinationsTheRuntimeRejectsFailTheNextQuery) {
+    LlmModel model(host::ModelDir("tiny-llm"), 4);
+    std::string result;
+    ASSERT_EQ(model.Set("num_beams", "2").first, 0);
+    ASSERT_EQ(model.Set("num_return_sequences", "3").first, 0);
+    EXPECT_EQ(model.Query("Hello", result), 2);
+    EXPECT_TRUE(StartsWith(result, "Failed to validate config: Check 'num_beams >= num_return_sequences' failed"))
+        << result;
+    ASSERT_EQ(model.Set("num_return_sequences", "1").first, 0);
+    ASSERT_EQ(model.Set("num_beams", "1").first, 0);
+    EXPECT_EQ(model.Query("Hello", result), 0) << result;
+
+    // The full 64-bit sizes reach the runtime: with ignore_eos it refuses
+    // exactly the largest size in both length settings.
+    ASSERT_EQ(model.Set("ignore_eos", "true").first, 0);
+    ASSERT_EQ(model.Set("max_length", "-1").first, 0);
+    ASSERT_EQ(model.Set("max_new_tokens", "-1").first, 0);
+    EXPECT_EQ(model.Query("Hello", result), 2);
+    EXPECT_TRUE(StartsWith(result, "Failed to validate config: Check '!ignore_eos || ")) << result;
+    ASSERT_EQ(model.Set("max_new_tokens", "2").first, 0);
+    EXPECT_EQ(model.Query("Hello", result), 0) << result;
+}
+
+TEST(LlmStopLists, AreSortedSetsReplacedWholeAndCopiedOut) {
+    LlmModel model(host::ModelDir("tiny-llm"), 8);
+    // Bytes from 0x80 on sort after ASCII, as unsigned.
+    const char* strings[] = {"b", "a", "b", "", "\xc3\xa9", "z"};
+    ASSERT_EQ(Llm().SetStopStrings(model.handle(), strings, 6), 0);
+    EXPECT_EQ(StopStrings(model.handle()), (std::vector<std::string>{"", "a", "b", "z", "\xc3\xa9"}));
+    const int64_t ids[] = {5, -1, 5, 3};
+    ASSERT_EQ(Llm().SetStopTokens(model.handle(), ids, 4), 0);
+    EXPECT_EQ(host::Ids(Llm().GetStopTokens, model.handle()), (std::vector<int64_t>{-1, 3, 5}));
+    ASSERT_EQ(Llm().SetStopStrings(model.handle(), nullptr, 0), 0);
+    ASSERT_EQ(Llm().SetStopTokens(model.handle(), nullptr, 0), 0);
+    EXPECT_TRUE(StopStrings(model.handle()).empty());
+    EXPECT_TRUE(host::Ids(Llm().GetStopTokens, model.handle()).empty());
+}
+
+TEST(LlmStopLists, AStopStringOrTokenFromTheOutputEndsGenerationThere) {
+    LlmModel model(host::ModelDir("tiny-llm"), 24);
+    std::string full, stopped;
+    ASSERT_EQ(model.Query("Once upon a time", full), 0);
+    const std::string stop = full.substr(full.size() / 2, 3);
+    const char* stops[] = {stop.c_str()};
+    ASSERT_EQ(Llm().SetStopStrings(model.handle(), stops, 1), 0);
+    ASSERT_EQ(model.Query("Once upon a time", stopped), 0);
+    // The runtime cuts at a token boundary, so the text ends inside the stop string.
+    const size_t at = full.find(stop);
+    EXPECT_TRUE(StartsWith(full, stopped)) << stopped;
+    EXPECT_GE(stopped.size(), at) << "stop string '" << stop << "'";
+    EXPECT_LT(stopped.size(), at + stop.size()) << "stop string '" << stop << "'";
+
+    // A token of the output's second half, found with the model's own tokenizer.
+    ASSERT_EQ(Llm().SetStopStrings(model.handle(), nullptr, 0), 0);
+    int64_t* ids = nullptr;
+    size_t count = 0;
+    ASSERT_EQ(Llm().Tokenize(model.handle(), full.c_str(), &ids, &count), 0);
+    ASSERT_GT(count, 4u);
+    // The eos among the loaded stop tokens must stay.
+    std::vector<int64_t> withToken = host::Ids(Llm().GetStopTokens, model.handle());
+    withToken.push_back(ids[count * 3 / 4]);
+    Llm().FreeTokens(ids);
+    ASSERT_EQ(Llm().SetStopTokens(model.handle(), withToken.data(), withToken.size()), 0);
+    ASSERT_EQ(model.Query("Once upon a time", stopped), 0);
+    EXPECT_LT(stopped.size(), full.size());
+    EXPECT_TRUE(StartsWith(full, stopped)) << stopped;
+}
+
+TEST(LlmTokenize, GivesTheRuntimeTokenizersIdsAndLeavesGenerationAlone) {
+    const fs::path dir = host::ModelDir("tiny-llm");
+    const std::vector<std::string> texts = {"hello world", "  two  spaces", "caf\xc3\xa9 \xe2\x9c\x93", ""};
+    std::vector<std::string> args{dir.string()};
+    args.insert(args.end(), texts.begin(), texts.end());
+    std::istringstream expected(RunPython(
+        "import sys, openvino_genai as g; a = [bytes.fromhex(x).decode() for x in sys.argv[1:]]; "
+        "t = g.Tokenizer(a[0]); [print(*t.encode([s]).input_ids.data[0]) for s in a[1:]]",
+        args));
+
+    LlmModel model(dir, 12);
+    std::string before, after;
+    ASSERT_EQ(model.Query("Once upon a time", before), 0);
+    for (const std::string& text : texts) {
+        std::string line;
+        ASSERT_TRUE(std::getline(expected, line)) << "no ids from the runtime for '" << text << "'";
+        std::istringstream words(line);
+        std::vector<int64_t> ids;
+        for (int64_t id; words >> id;) ids.push_back(id);
+        int64_t* out = nullptr;
+        size_t count = 99;
+        ASSERT_EQ(Llm().Tokenize(model.handle(), text.c_str(), &out, &count), 0);
+        EXPECT_NE(out, nullptr) << "an array even for no ids";
+        EXPECT_EQ(std::vector<int64_t>(out, out + count), ids) << "'" << text << "'";
+        EXPECT_EQ(Llm().FreeTokens(out), 0);
+    }
+    ASSERT_EQ(model.Query("Once upon a time", after), 0);
+    EXPECT_EQ(after, before);
+}
+
+TEST(LlmCompile, RefusesBadArgumentsBeforeTheRuntimeSeesThem) {
+    host::TempDir dir;
+    const fs::path model = host::ModelVariant(dir, "tiny-llm", "{}");
+    EXPECT_EQ(Compile(model, 3, 0), std::make_pair(1, kCompilePrefix + "The context length must be greater than 0"));
+    EXPECT_EQ(Compile(model, 3, 16), std::make_pair(1, kCompilePrefix + "3device type is not supported"));
+
+    // Without a blob the NPU gets as far as the runtime, which fails here and writes nothing.
+    const std::vector<std::string> before = Listing(model);
+    const auto [status, message] = Compile(model, DEVICE_NPU, 16);
+    EXPECT_EQ(status, 1);
+    EXPECT_TRUE(StartsWith(message, kCompilePrefix) && host::Contains(message, "Exception from")) << message;
+    EXPECT_EQ(Listing(model), before);
+}
+
+// The blob is the runtime's own cache file: a CPU pipeline given CACHE_DIR
+// writes one, and the NPU compile then refuses the directory while a CPU
+// compile ignores the blob and adds nothing.
+TEST(LlmCompile, TheNpuRefusesADirectoryTheRuntimeAlreadyCachedInto) {
+    host::TempDir dir;
+    const fs::path model = host::ModelVariant(dir, "tiny-llm", "{}");
+    RunPython("import sys, openvino_genai as g; d = bytes.fromhex(sys.argv[1]).decode(); "
+              "g.LLMPipeline(d, \"CPU\", CACHE_DIR=d)",
+              {model.string()});
+    const std::vector<std::string> before = Listing(model);
+    ASSERT_TRUE(std::any_of(before.begin(), before.end(), [](const fs::path& p) { return p.extension() == ".blob"; }))
+        << "the runtime wrote no .blob into CACHE_DIR";
+    const std::string refused = "The provided cache directory already contains an unexpected blob file";
+    EXPECT_EQ(Compile(model, DEVICE_NPU, 16), std::make_pair(1, kCompilePrefix + refused));
+    EXPECT_EQ(Compile(model, DEVICE_CPU, 16), std::make_pair(0, std::string()));
+    EXPECT_EQ(Listing(model), before);
+}
