@@ -77,15 +77,12 @@ def test_closing_the_model_stops_its_stream(library, models):
         model.generate(PROMPT)
 
 
-def test_failures_carry_the_library_message_and_status(library, models, llm):
+def test_failures_carry_the_library_message(library, models, llm):
     with pytest.raises(velmora.VelmoraError) as failure:
         velmora.LlmModel(models / "missing", library=library)
     assert (failure.value.status, failure.value.message) == (1, "The provided model path is not a directory")
 
     llm.config["num_return_sequences"] = 3  # more than num_beams: stored, refused when generating
-    with pytest.raises(velmora.VelmoraError) as failure:
-        llm.generate(PROMPT)
-    assert failure.value.status == 2 and failure.value.message.startswith("Failed to validate config: ")
     stream = llm.stream(PROMPT)
     with pytest.raises(velmora.VelmoraError) as failure:
         next(stream)
