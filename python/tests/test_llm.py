@@ -24,7 +24,7 @@ def test_stream_pieces_make_up_the_generated_text_and_every_text_is_released(llm
 
 def test_a_stream_left_early_never_holds_the_model(llm):
     llm.config["ignore_eos"] = True
-    llm.config["max_new_tokens"] = 100000  # would run for minutes
+    llm.config["max_new_tokens"] = 20000  # a minute or more when not cancelled
     start = time.monotonic()
     for count, _ in enumerate(llm.stream(PROMPT)):
         if count == 2:
@@ -43,18 +43,18 @@ def test_a_stream_left_early_never_holds_the_model(llm):
     assert not stream_threads() and list(kept) == []
     # A cancel left behind is forgotten by the next generation.
     assert len(llm.tokenize(llm.generate(PROMPT))) >= 10
-    assert time.monotonic() - start < 60
+    assert time.monotonic() - start < 20
 
 
 def test_ctrl_c_cancels_a_generation_and_is_raised(llm):
     llm.config["ignore_eos"] = True
-    llm.config["max_new_tokens"] = 100000
+    llm.config["max_new_tokens"] = 20000
     interrupt = threading.Timer(0.5, signal.pthread_kill, (threading.main_thread().ident, signal.SIGINT))
     interrupt.start()
     start = time.monotonic()
     with pytest.raises(KeyboardInterrupt):
         llm.generate(PROMPT)
-    assert time.monotonic() - start < 30
+    assert time.monotonic() - start < 10
     llm.config["max_new_tokens"] = 4
     assert llm.generate(PROMPT)
 
