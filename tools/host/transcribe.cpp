@@ -23,7 +23,8 @@ int RunTranscribe(const Options& options, Library& library) {
     std::string error;
     if (!options.listSettings && !ReadSpeech(options.words[0], samples, error))
         return Progress::Note(("error: cannot read audio '" + options.words[0] + "': " + error).c_str()), kFailed;
-    if (samples.size() > INT32_MAX) return UsageError("the audio is too long for one transcription");
+    if (samples.size() > INT32_MAX)
+        return Progress::Note("error: the audio is too long for one transcription"), kFailed;
 
     const Model<WhisperApiBase> model(api, options.model, options.device, [&](void** handle) {
         return api.InitModel(options.model.c_str(), options.device, handle, &Library::Callbacks());
