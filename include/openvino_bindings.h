@@ -78,7 +78,7 @@ typedef struct HostCallbacks {
 
 /* One entry of the Whisper language map (16 bytes). In arrays returned by
  * GetLangToId, `language` is its own Text buffer: release each with
- * FreeString before releasing the array with FreeLangToId. */
+ * FreeQueryResult before releasing the array with FreeLangToId. */
 typedef struct LangIdPair {
     char* language;
     int64_t id;
@@ -110,8 +110,8 @@ typedef struct LlmApiBase {
      * handle, invalid settings or a generation failure. */
     int32_t (*StreamModel)(void* handle, char* prompt, TextCallback onText);
     /* 4: Releases a Text from QueryModel; NULL allowed. Always 0. Slots 4 and
-     * 7 here and Whisper slots 3 and 6 are one function, FreeString: any Text
-     * the library hands out may go to any of them. */
+     * 7 here and Whisper slots 3 and 6 are one function: any Text the
+     * library hands out may go to any of them. */
     int32_t (*FreeQueryResult)(char* text);
     /* 5: Sets one generation setting by name from its text form. 0 / 1 (an
      * unrecognised "stop_criteria" text fails without a message). */
@@ -173,7 +173,7 @@ typedef struct WhisperApiBase {
     /* 6: Releases a Text from GetConfigProperty; NULL allowed. Always 0. */
     int32_t (*FreeConfigProperty)(char* text);
     /* 7: Copies the language map out in key order (release: each `language`
-     * with FreeString, then the array with FreeLangToId). 0 / 1. */
+     * with FreeQueryResult, then the array with FreeLangToId). 0 / 1. */
     int32_t (*GetLangToId)(void* handle, LangIdPair** outPairs, size_t* outCount);
     /* 8: Replaces the language map; a repeated key keeps its first id. 0 / 1. */
     int32_t (*SetLangToId)(void* handle, const LangIdPair* pairs, size_t count);

@@ -1,5 +1,7 @@
 import gc
+import signal
 import threading
+import time
 
 import pytest
 
@@ -20,22 +22,49 @@ def test_stream_pieces_make_up_the_generated_text_and_every_text_is_released(llm
     assert [r[0] for r in api.released] == ["FreeQueryResult"]
 
 
-def test_leaving_a_stream_early_cancels_and_joins_it(llm):
+def test_a_stream_left_early_never_holds_the_model(llm):
     llm.config["ignore_eos"] = True
-    llm.config["max_new_tokens"] = 100000  # would run for minutes
+    llm.config["max_new_tokens"] = 20000  # tens of seconds when not cancelled
+    start = time.monotonic()
     for count, _ in enumerate(llm.stream(PROMPT)):
         if count == 2:
             break
     gc.collect()
     assert not stream_threads()
 
-    with llm.stream(PROMPT) as stream:
-        next(stream)
-    assert not stream_threads() and list(stream) == []
+    with pytest.raises(RuntimeError):
+        for _ in llm.stream(PROMPT):
+            raise RuntimeError("in the loop body")
+    assert not stream_threads()
 
-    # The model is free again and a cancel left behind is forgotten.
+    kept = llm.stream(PROMPT)  # still referenced: the next call ends it
+    next(kept)
     llm.config["max_new_tokens"] = 12
+    assert not stream_threads() and list(kept) == []
+    # A cancel left behind is forgotten by the next generation.
     assert len(llm.tokenize(llm.generate(PROMPT))) >= 10
+    assert time.monotonic() - start < 20
+
+
+def test_ctrl_c_cancels_a_generation_and_is_raised(llm):
+    llm.config["ignore_eos"] = True
+    llm.config["max_new_tokens"] = 50000  # a minute or more when not cancelled
+    interrupt = threading.Timer(0.5, signal.pthread_kill, (threading.main_thread().ident, signal.SIGINT))
+    interrupt.start()
+    start = time.monotonic()
+    with pytest.raises(KeyboardInterrupt):
+        llm.generate(PROMPT)
+    assert time.monotonic() - start < 10
+    llm.config["max_new_tokens"] = 4
+    assert llm.generate(PROMPT)
+
+
+def test_chat_renders_the_model_template(library, models):
+    question = [{"role": "user", "content": "What is the capital of France?"}]
+    with velmora.LlmModel(models / "smollm2", library=library) as model:
+        model.config["max_new_tokens"] = 16
+        assert "Paris" in model.chat(question)
+        assert "Paris" in model.chat(question, stream=True).text()
 
 
 def test_closing_the_model_stops_its_stream(library, models):
@@ -48,15 +77,12 @@ def test_closing_the_model_stops_its_stream(library, models):
         model.generate(PROMPT)
 
 
-def test_failures_carry_the_library_message_and_status(library, models, llm):
+def test_failures_carry_the_library_message(library, models, llm):
     with pytest.raises(velmora.VelmoraError) as failure:
         velmora.LlmModel(models / "missing", library=library)
     assert (failure.value.status, failure.value.message) == (1, "The provided model path is not a directory")
 
     llm.config["num_return_sequences"] = 3  # more than num_beams: stored, refused when generating
-    with pytest.raises(velmora.VelmoraError) as failure:
-        llm.generate(PROMPT)
-    assert failure.value.status == 2 and failure.value.message.startswith("Failed to validate config: ")
     stream = llm.stream(PROMPT)
     with pytest.raises(velmora.VelmoraError) as failure:
         next(stream)
@@ -71,32 +97,37 @@ def test_compile_reports_before_any_model_exists(library, models):
     velmora.compile_model(models / "tiny-llm", "CPU", 8, library=library)
 
 
-def test_config_is_a_typed_mapping_over_the_library_text(llm):
-    assert len(llm.config) == 21 and llm.config["max_new_tokens"] == 16
-    llm.config.update(temperature=0.7, do_sample=True, top_k=7, stop_criteria="NEVER")
+def test_config_takes_only_what_a_setting_can_hold(llm):
+    assert llm.config["max_new_tokens"] == 16
+    llm.config.update(temperature=0.7, do_sample=True, top_k=7, eos_token_id=-5, stop_criteria="NEVER")
     assert llm.config["temperature"] == pytest.approx(0.7) and llm.config.text("temperature") == "0.700000"
-    assert llm.config["do_sample"] is True and llm.config["top_k"] == 7
-    assert llm.config["stop_criteria"] == "NEVER"
-    llm.config["max_new_tokens"] = -1
-    assert llm.config["max_new_tokens"] == 2**64 - 1
+    assert llm.config["do_sample"] is True and llm.config["top_k"] == 7 and llm.config["eos_token_id"] == -5
+    llm.config["top_p"] = 1
+    for name, value in [("do_sample", 1), ("top_k", True), ("top_k", 2.0), ("temperature", "hot"),
+                        ("stop_criteria", 0)]:
+        with pytest.raises(TypeError, match=f"^{name} takes "):
+            llm.config[name] = value
+    for name, value in [("max_new_tokens", -5), ("top_k", 2**31), ("eos_token_id", -2**31 - 1)]:
+        with pytest.raises(ValueError, match=f"^{name} takes an int from "):
+            llm.config[name] = value
+    assert llm.config["max_new_tokens"] == 16 and llm.config["do_sample"] is True
 
-    assert "seed" not in llm.config and llm.config.get("seed", 5) == 5
+    llm.config.set_text("max_new_tokens", "-1")  # the raw path: the library's own conversion
+    assert llm.config["max_new_tokens"] == 2**64 - 1
     with pytest.raises(velmora.PropertyError) as failure:
-        llm.config["top_k"] = "many"
+        llm.config.set_text("top_k", "many")
     assert failure.value.message == "An error occurred setting property top_k with value many: invalid stoi argument"
-    with pytest.raises(velmora.PropertyError) as failure:
-        llm.config["stop_criteria"] = "early"  # refused without a message
-    assert failure.value.status == 1 and llm.config["stop_criteria"] == "NEVER"
+    assert "seed" not in llm.config and llm.config.get("seed", 5) == 5
     with pytest.raises(TypeError):
         del llm.config["top_k"]
 
 
 def test_stop_lists_round_trip_and_release(llm, counting):
     api = counting(llm)
-    llm.stop_strings = ["b", "a", "b", "é"]
+    llm.stop_strings = ["a", "b", "é"]
     assert llm.stop_strings == ["a", "b", "é"]
-    llm.stop_token_ids = [5, -1, 5, 3, 2]
-    assert llm.stop_token_ids == [-1, 2, 3, 5]
+    llm.stop_token_ids = [-1, 2, 3]
+    assert llm.stop_token_ids == [-1, 2, 3]
     llm.stop_strings = []
     assert llm.stop_strings == []
     assert [r[0] for r in api.released] == ["FreeStopStrings", "FreeStopTokens"]

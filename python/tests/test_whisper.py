@@ -1,6 +1,4 @@
-import shutil
-import subprocess
-import threading
+import ctypes
 
 import numpy as np
 import pytest
@@ -10,39 +8,41 @@ import velmora
 SILENCE = np.zeros(16000, np.float32)
 
 
-def test_transcribes_an_array_or_a_list_into_text(whisper, counting):
+def test_samples_reach_the_library_as_float32(whisper, counting):
     api = counting(whisper)
+    sent = []
+    query = api.QueryModel
+    api.QueryModel = lambda handle, samples, count, out: sent.append(ctypes.string_at(samples, 4 * count)) or \
+        query(handle, samples, count, out)
     text = whisper.transcribe(SILENCE)
     assert isinstance(text, str) and text
-    assert whisper.transcribe(SILENCE.tolist()) == text
-    assert whisper.transcribe(SILENCE.astype(np.float64)) == text
+    ramp = np.linspace(-1, 1, 16000)
+    pcm = (ramp * 32767).astype(np.int16)
+    whisper.transcribe(ramp.tolist())
+    whisper.transcribe(pcm)
+    assert sent[1:] == [ramp.astype(np.float32).tobytes(), (pcm / 32768).astype(np.float32).tobytes()]
     assert [r[0] for r in api.released] == ["FreeQueryResult"] * 3
+
+    with pytest.raises(TypeError, match="int16 PCM, not int32"):
+        whisper.transcribe(np.zeros(16000, np.int32))
     with pytest.raises(ValueError):
         whisper.transcribe(np.zeros((2, 8000), np.float32))
 
 
-@pytest.mark.skipif(not (shutil.which("espeak-ng") and shutil.which("sox")), reason="needs espeak-ng and sox")
-def test_real_speech_is_transcribed(library, models, tmp_path):
-    wav, raw = tmp_path / "s.wav", tmp_path / "s.f32"
-    subprocess.run(["espeak-ng", "-w", wav, "Good morning, how are you today?"], check=True)
-    subprocess.run(["sox", wav, "-r", "16000", "-c", "1", "-b", "32", "-e", "float", "-t", "raw", raw], check=True)
-    with velmora.WhisperModel(models / "whisper-base", library=library) as model:
-        text = model.transcribe(np.fromfile(raw, np.float32))
-    assert "good morning" in text.lower(), text
+def test_audio_files_are_mixed_down_and_resampled(whisper, tmp_path):
+    soundfile = pytest.importorskip("soundfile")
+    pytest.importorskip("soxr")
+    rate, seconds = 44100, 1.5
+    t = np.arange(int(rate * seconds)) / rate
+    tone = 0.5 * np.sin(2 * np.pi * 440 * t)
+    soundfile.write(tmp_path / "tone.flac", np.stack([tone, 0.5 * tone], axis=1), rate)  # stereo
 
-
-def test_cancel_ends_a_transcription_early(whisper):
-    whisper.config["max_new_tokens"] = 400
-    full = whisper.transcribe(SILENCE)
-    # A cancel landing before the run starts is forgotten by it: only repeating
-    # makes one land inside the run without timing guesses.
-    result = []
-    worker = threading.Thread(target=lambda: result.append(whisper.transcribe(SILENCE)))
-    worker.start()
-    while worker.is_alive():
-        whisper.cancel()
-        worker.join(0.02)
-    assert len(result[0]) < len(full)
+    samples = velmora.read_audio(tmp_path / "tone.flac")
+    assert samples.dtype == np.float32 and abs(samples.size - seconds * 16000) <= 2
+    spectrum = np.abs(np.fft.rfft(samples))
+    assert abs(np.argmax(spectrum) * 16000 / samples.size - 440) < 2  # the pitch is kept
+    assert abs(np.max(np.abs(samples[1000:-1000])) - 0.375) < 0.01  # the mean of both channels
+    assert isinstance(whisper.transcribe_file(tmp_path / "tone.flac"), str)
 
 
 def test_failures_carry_the_library_message(whisper):
@@ -57,14 +57,14 @@ def test_failures_carry_the_library_message(whisper):
 def test_language_map_and_suppression_lists_round_trip_and_release(whisper, counting):
     api = counting(whisper)
     languages = whisper.lang_to_id
-    assert languages["<|en|>"] and list(languages) == sorted(languages)
+    assert languages["<|en|>"]
     freed = api.released[:]
     keys = [r for r in freed if r[0] == "FreeQueryResult"]
     assert len(keys) == len(languages) and len({r[1] for r in keys}) == len(keys)
     assert freed[-1][0] == "FreeLangToId"
 
-    whisper.lang_to_id = [("b", 2), ("a", 1), ("a", 9), ("", 0)]
-    assert list(whisper.lang_to_id.items()) == [("", 0), ("a", 1), ("b", 2)]
+    whisper.lang_to_id = [("", 0), ("a", 1), ("é", 2)]
+    assert list(whisper.lang_to_id.items()) == [("", 0), ("a", 1), ("é", 2)]
     whisper.suppress_tokens = [5, 5, 3]
     whisper.begin_suppress_tokens = []
     assert whisper.suppress_tokens == [5, 5, 3] and whisper.begin_suppress_tokens == []

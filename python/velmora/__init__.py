@@ -12,26 +12,33 @@ wheel puts it), then in the `build/src` directory of the checkout the package
 runs from (see find_library).
 The library's informational messages go to the "velmora" logger.
 """
+from __future__ import annotations
+
+import os
+
 from ._abi import DEVICES
 from ._version import __version__
 from ._library import LIBRARY_FILE, Library, find_library, load_library
 from .config import Config
 from .errors import PropertyError, VelmoraError
-from .llm import LlmModel, TextStream
-from .whisper import WhisperModel
+from .llm import DEFAULT_CONTEXT_LENGTH, LlmModel, TextStream
+from .whisper import SAMPLE_RATE, WhisperModel, read_audio
 
-__all__ = ["__version__", "DEVICES", "LIBRARY_FILE", "Config", "Library", "LlmModel", "PropertyError", "TextStream",
-           "VelmoraError", "WhisperModel", "compile_model", "find_library", "load_library"]
+__all__ = ["__version__", "DEFAULT_CONTEXT_LENGTH", "DEVICES", "LIBRARY_FILE", "SAMPLE_RATE", "Config", "Library",
+           "LlmModel", "PropertyError", "TextStream", "VelmoraError", "WhisperModel", "compile_model", "find_library",
+           "load_library", "read_audio"]
 
 
-def compile_model(model_dir, device="NPU", context_length=1024, *, library=None):
+def compile_model(model_dir: str | os.PathLike[str], device: str | int = "NPU",
+                  context_length: int = DEFAULT_CONTEXT_LENGTH, *, library: Library | str | None = None) -> None:
     """Compiles an LLM ahead of time: for the NPU it writes the ".blob" that
     LlmModel needs beside the model files (the directory must hold none yet);
-    for CPU and GPU it only checks that a pipeline can be built."""
+    for CPU and GPU it only checks that a pipeline can be built. Give it the
+    context_length the model will be loaded with."""
     from . import _abi
     from ._model import encode
 
     lib = load_library(library)
     lib.ensure_llm_reporting()
-    lib.call("llm", "CompileModel", lib.llm.CompileModel, encode(str(model_dir)), _abi.device_type(device),
+    lib.call("llm", "CompileModel", lib.llm.CompileModel, encode(os.fspath(model_dir)), _abi.device_type(device),
              int(context_length))

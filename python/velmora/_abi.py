@@ -1,5 +1,7 @@
 """ctypes mirror of the public header: the two tables, the callback pair and
 the language-map record. Field order is the slot order and must not change."""
+from __future__ import annotations
+
 import ctypes
 from ctypes import CFUNCTYPE, POINTER, Structure, c_char_p, c_float, c_int, c_int32, c_int64, c_size_t, c_void_p
 
@@ -75,7 +77,7 @@ class WhisperApiBase(Structure):
 DEVICES = {"CPU": 0, "GPU": 1, "NPU": 2}
 
 
-def device_type(device):
+def device_type(device: str | int) -> int:
     """A device name (any case) or the raw selector; unknown integers go to the
     library unchanged so that its own message reaches the caller."""
     if isinstance(device, str):

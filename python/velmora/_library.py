@@ -6,11 +6,14 @@ pair that files each message in a thread-local slot: the library calls
 `error` on the thread running the slot, so concurrent calls on distinct
 handles each see their own message. Code in the same process that calls
 InitModel with a pair of its own takes the messages away from this package."""
+from __future__ import annotations
+
 import ctypes
 import logging
 import os
 import threading
 from pathlib import Path
+from typing import Any, Callable
 
 from . import _abi
 from .errors import VelmoraError
@@ -24,7 +27,7 @@ _log = logging.getLogger("velmora")
 _local = threading.local()
 
 
-def _messages():
+def _messages() -> dict[str, str]:
     try:
         return _local.messages
     except AttributeError:
@@ -52,32 +55,32 @@ def find_library():
 class Library:
     """One loaded copy of the library with its two tables."""
 
-    def __init__(self, path):
+    def __init__(self, path: str | os.PathLike[str]):
         self.path = os.path.abspath(path)
         self._dll = ctypes.CDLL(self.path)
         self._dll.GetLlmApiBase.restype = ctypes.POINTER(_abi.LlmApiBase)
         self._dll.GetWhisperApiBase.restype = ctypes.POINTER(_abi.WhisperApiBase)
         self.llm = self._dll.GetLlmApiBase().contents
         self.whisper = self._dll.GetWhisperApiBase().contents
-        self._initialised = set()
+        self._initialised: set[str] = set()
         # Kept alive as long as the library may call them, i.e. for good.
         self._callbacks = {family: self._make_callbacks(family) for family in ("llm", "whisper")}
 
-    def _make_callbacks(self, family):
-        def on_log(message):
+    def _make_callbacks(self, family: str) -> _abi.HostCallbacks:
+        def on_log(message: bytes) -> None:
             _log.info("%s", message.decode("utf-8", "replace"))
 
-        def on_error(message):
+        def on_error(message: bytes) -> None:
             _messages()[family] = message.decode("utf-8", "replace")
 
         return _abi.HostCallbacks(_abi.MessageFunction(on_log), _abi.MessageFunction(on_error))
 
-    def callbacks(self, family):
+    def callbacks(self, family: str) -> Any:
         """The pair to give InitModel; from then on the family reports here."""
         self._initialised.add(family)
         return ctypes.byref(self._callbacks[family])
 
-    def ensure_llm_reporting(self):
+    def ensure_llm_reporting(self) -> None:
         """CompileModel needs no handle and reports through the pair of the
         last LLM InitModel, staying silent before the first one. An InitModel
         refused at once (context length 0) stores the pair and loads nothing."""
@@ -92,7 +95,8 @@ class Library:
         else:  # pragma: no cover - only a broken library accepts that init
             self.llm.DestroyModel(handle)
 
-    def call(self, family, operation, slot, *args, error=VelmoraError):
+    def call(self, family: str, operation: str, slot: Callable[..., int], *args: Any,
+             error: type[VelmoraError] = VelmoraError) -> int:
         """Runs one slot; a non-zero status raises `error` with the message
         that the slot reported during this very call."""
         messages = _messages()
@@ -103,11 +107,11 @@ class Library:
         return status
 
 
-_loaded = {}
+_loaded: dict[str, Library] = {}
 _loaded_lock = threading.Lock()
 
 
-def load_library(library=None):
+def load_library(library: Library | str | os.PathLike[str] | None = None) -> Library:
     """A Library from a Library, a path, or None for the default location.
     A path is loaded once per process."""
     if isinstance(library, Library):

@@ -1,75 +1,106 @@
-"""Generation settings of a model as a mutable mapping.
+"""Generation settings of a model as a typed mutable mapping.
 
-Reads go through GetConfigProperty and are converted from the library's text
-by the kind of the setting (bool, int, float, str); `config.text(name)` gives
-the library's text unchanged. Writes accept Python values and send their text
-form to SetConfigProperty (bools as "true"/"false", numbers with str()).
-A refused name or value raises PropertyError, a KeyError, with the library's
-message. Settings cannot be deleted."""
-from collections.abc import MutableMapping
+Each setting has a kind that says which Python values it takes and how its
+text from the library reads back: a flag takes only bool; a size an int from
+0 to 2147483647; a token id an int from -2147483648 to 2147483647; a real an
+int or float; a text a str. A wrong type raises TypeError, a value out of
+range ValueError, both before the library is asked. A name or value the
+library refuses raises PropertyError, a KeyError, with the library's message.
 
-_PARSE = {
-    bool: lambda text: text == "true",
-    int: int,
-    float: float,
-    str: lambda text: text,
+The raw path keeps the library's own text semantics: `config.text(name)`
+reads the text unchanged and `config.set_text(name, text)` sends one as is
+(there "-5" for a size is stored as the library converts it). Settings cannot
+be deleted."""
+from __future__ import annotations
+
+from collections.abc import Callable, Iterator, MutableMapping
+from dataclasses import dataclass
+from typing import TYPE_CHECKING, Union
+
+if TYPE_CHECKING:
+    from ._model import Model
+
+Value = Union[bool, int, float, str]
+
+_INT32_MAX = 2**31 - 1
+
+
+@dataclass(frozen=True)
+class Kind:
+    accepts: str  # for messages: "a bool", "an int from 0 to 2147483647", ...
+    types: tuple[type, ...]
+    parse: Callable[[str], Value]
+    low: int | None = None
+    high: int | None = None
+
+    def text(self, name: str, value: object) -> str:
+        # bool is an int to Python; only a flag may take one.
+        if not isinstance(value, self.types) or (isinstance(value, bool) and bool not in self.types):
+            raise TypeError(f"{name} takes {self.accepts}, not {type(value).__name__}")
+        if isinstance(value, bool):
+            return "true" if value else "false"
+        if self.low is not None and not self.low <= value <= self.high:  # type: ignore[operator]
+            raise ValueError(f"{name} takes {self.accepts}, not {value}")
+        return value if isinstance(value, str) else repr(value)
+
+
+FLAG = Kind("a bool", (bool,), lambda text: text == "true")
+SIZE = Kind(f"an int from 0 to {_INT32_MAX}", (int,), int, 0, _INT32_MAX)
+TOKEN_ID = Kind(f"an int from {-_INT32_MAX - 1} to {_INT32_MAX}", (int,), int, -_INT32_MAX - 1, _INT32_MAX)
+REAL = Kind("an int or float", (int, float), float)
+TEXT = Kind("a str", (str,), lambda text: text)
+
+LLM_SETTINGS: dict[str, Kind] = {
+    "diversity_penalty": REAL, "do_sample": FLAG, "eos_token_id": TOKEN_ID, "frequency_penalty": REAL,
+    "ignore_eos": FLAG, "include_stop_str_in_output": FLAG, "length_penalty": REAL, "max_length": SIZE,
+    "max_new_tokens": SIZE, "min_new_tokens": SIZE, "no_repeat_ngram_size": SIZE, "num_beams": SIZE,
+    "num_beam_groups": SIZE, "num_return_sequences": SIZE, "presence_penalty": REAL,
+    "repetition_penalty": REAL, "rng_seed": SIZE, "stop_criteria": TEXT, "temperature": REAL,
+    "top_k": SIZE, "top_p": REAL,
 }
 
-LLM_SETTINGS = {
-    "diversity_penalty": float, "do_sample": bool, "eos_token_id": int, "frequency_penalty": float,
-    "ignore_eos": bool, "include_stop_str_in_output": bool, "length_penalty": float, "max_length": int,
-    "max_new_tokens": int, "min_new_tokens": int, "no_repeat_ngram_size": int, "num_beams": int,
-    "num_beam_groups": int, "num_return_sequences": int, "presence_penalty": float,
-    "repetition_penalty": float, "rng_seed": int, "stop_criteria": str, "temperature": float,
-    "top_k": int, "top_p": float,
-}
-
-WHISPER_SETTINGS = {
-    "max_length": int, "max_new_tokens": int, "decoder_start_token_id": int, "eos_token_id": int,
-    "pad_token_id": int, "translate_token_id": int, "transcribe_token_id": int,
-    "no_timestamps_token_id": int, "max_initial_timestamp_index": int, "is_multilingual": bool,
-    "language": str, "task": str, "return_timestamps": bool,
+WHISPER_SETTINGS: dict[str, Kind] = {
+    "max_length": SIZE, "max_new_tokens": SIZE, "decoder_start_token_id": TOKEN_ID, "eos_token_id": TOKEN_ID,
+    "pad_token_id": TOKEN_ID, "translate_token_id": TOKEN_ID, "transcribe_token_id": TOKEN_ID,
+    "no_timestamps_token_id": TOKEN_ID, "max_initial_timestamp_index": SIZE, "is_multilingual": FLAG,
+    "language": TEXT, "task": TEXT, "return_timestamps": FLAG,
 }
 
 
-def value_text(value):
-    if isinstance(value, bool):
-        return "true" if value else "false"
-    if isinstance(value, (int, float)):
-        return str(value)
-    if isinstance(value, str):
-        return value
-    raise TypeError(f"a setting takes a bool, int, float or str, not {type(value).__name__}")
-
-
-class Config(MutableMapping):
+class Config(MutableMapping[str, Value]):
     """Iterates over the settings the model currently has (an optional text
-    such as Whisper's "language" is left out while it is absent)."""
+    such as Whisper's "language" is left out while it is absent). Sizes the
+    runtime leaves unlimited read as 18446744073709551615."""
 
-    def __init__(self, model, kinds):
+    def __init__(self, model: Model, kinds: dict[str, Kind]):
         self._model = model
         self._kinds = kinds
 
-    def text(self, name):
+    def text(self, name: str) -> str:
         return self._model._get_property(name)
 
-    def __getitem__(self, name):
+    def set_text(self, name: str, text: str) -> None:
+        self._model._set_property(name, text)
+
+    def __getitem__(self, name: str) -> Value:
         text = self.text(name)
-        return _PARSE[self._kinds.get(name, str)](text)
+        return self._kinds.get(name, TEXT).parse(text)
 
-    def __setitem__(self, name, value):
-        self._model._set_property(name, value_text(value))
+    def __setitem__(self, name: str, value: Value) -> None:
+        kind = self._kinds.get(name)
+        # An unknown name goes to the library, which refuses it in its own words.
+        self.set_text(name, kind.text(name, value) if kind else str(value))
 
-    def __delitem__(self, name):
+    def __delitem__(self, name: str) -> None:
         raise TypeError("generation settings cannot be removed")
 
-    def __iter__(self):
+    def __iter__(self) -> Iterator[str]:
         for name in self._kinds:
             if name in self:
                 yield name
 
-    def __len__(self):
+    def __len__(self) -> int:
         return sum(1 for _ in self)
 
-    def __repr__(self):
+    def __repr__(self) -> str:
         return f"{type(self).__name__}({dict(self)!r})"

@@ -8,13 +8,13 @@ class VelmoraError(Exception):
     `message` the library's text ("" when the slot reports none), `operation`
     the slot that failed."""
 
-    def __init__(self, operation, status, message):
+    def __init__(self, operation: str, status: int, message: str):
         super().__init__(operation, status, message)
         self.operation = operation
         self.status = status
         self.message = message
 
-    def __str__(self):
+    def __str__(self) -> str:
         text = self.message or "the library gave no message"
         return f"{self.operation} failed with status {self.status}: {text}"
 

@@ -1,13 +1,21 @@
 """Text generation."""
+from __future__ import annotations
+
 import ctypes
+import os
 import queue
 import threading
-import weakref
+from collections.abc import Iterable, Iterator, Mapping
+from typing import Any, Union
 
 from . import _abi
-from ._library import load_library
-from ._model import Model, decode, encode, id_array, take_ids, take_text
+from ._library import Library, load_library
+from ._model import Model, decode, encode, take_ids, take_text
 from .config import LLM_SETTINGS, Config
+
+# max_new_tokens of a new model, and on the NPU also its longest prompt: room
+# for a chat template's preamble plus a question, and an answer of a paragraph.
+DEFAULT_CONTEXT_LENGTH = 256
 
 
 class LlmModel(Model):
@@ -18,45 +26,61 @@ class LlmModel(Model):
 
     _family = "llm"
 
-    def __init__(self, model_dir, device="CPU", context_length=256, *, library=None):
+    def __init__(self, model_dir: str | os.PathLike[str], device: str | int = "CPU",
+                 context_length: int = DEFAULT_CONTEXT_LENGTH, *, library: Library | str | None = None):
         super().__init__(load_library(library))
-        self._streams = weakref.WeakSet()
-        self._init(self._api.InitModel, encode(str(model_dir)), _abi.device_type(device), int(context_length))
+        self._model_dir = os.fspath(model_dir)
+        self._tokenizer: Any = None
+        self._init(self._api.InitModel, encode(self._model_dir), _abi.device_type(device), int(context_length))
         self.config = Config(self, LLM_SETTINGS)
 
-    def close(self):
-        for stream in list(self._streams):
-            stream.close()
-        super().close()
-
-    def generate(self, prompt):
-        """The generated text for one prompt. A cancel() from another thread
-        ends it early with the text so far. VelmoraError.status tells invalid
-        settings (2, 3) from a failed generation (4, 5)."""
+    def generate(self, prompt: str) -> str:
+        """The generated text for one prompt. A cancel() from another thread,
+        or Ctrl-C, ends it early (Ctrl-C then raises KeyboardInterrupt).
+        VelmoraError.status tells invalid settings (2, 3) from a failed
+        generation (4, 5)."""
         out = ctypes.c_void_p()
-        with self._lock:
-            self._call("QueryModel", self._api.QueryModel, self.handle, encode(prompt), ctypes.byref(out))
+        with self._using() as handle:
+            self._run("QueryModel", self._api.QueryModel, handle, encode(prompt), ctypes.byref(out))
         return take_text(out, self._api.FreeQueryResult).decode("utf-8", "replace")
 
-    def stream(self, prompt):
+    def stream(self, prompt: str) -> TextStream:
         """Iterates over the pieces of text as they are generated (see
         TextStream). Leaving the loop early cancels the generation."""
         return TextStream(self, prompt)
 
-    def tokenize(self, text):
+    def chat(self, messages: Iterable[Mapping[str, str]], *, stream: bool = False) -> Union[str, TextStream]:
+        """The assistant's answer to a conversation: `messages` is a list of
+        {"role": ..., "content": ...} dicts, rendered into a prompt by the
+        model's own chat template (through the runtime's tokenizer). With
+        stream=True, a TextStream of the answer."""
+        prompt = self.chat_prompt(messages)
+        return self.stream(prompt) if stream else self.generate(prompt)
+
+    def chat_prompt(self, messages: Iterable[Mapping[str, str]]) -> str:
+        """The prompt chat() generates from."""
+        if self._tokenizer is None:
+            # Importable here: the library has joined this interpreter and
+            # made its runtime's environment reachable when the model loaded.
+            import openvino_genai
+
+            self._tokenizer = openvino_genai.Tokenizer(self._model_dir)
+        return self._tokenizer.apply_chat_template([dict(m) for m in messages], add_generation_prompt=True)
+
+    def tokenize(self, text: str) -> list[int]:
         """The token ids of `text` from the model's tokenizer."""
         out, count = ctypes.c_void_p(), ctypes.c_size_t()
-        with self._lock:
-            self._call("Tokenize", self._api.Tokenize, self.handle, encode(text), ctypes.byref(out),
+        with self._using() as handle:
+            self._call("Tokenize", self._api.Tokenize, handle, encode(text), ctypes.byref(out),
                        ctypes.byref(count))
         return take_ids(out, count, self._api.FreeTokens)
 
     @property
-    def stop_strings(self):
+    def stop_strings(self) -> list[str]:
         """The stop strings in byte order; assign any iterable to replace them."""
         out, count = ctypes.c_void_p(), ctypes.c_size_t()
-        with self._lock:
-            self._call("GetStopStrings", self._api.GetStopStrings, self.handle, ctypes.byref(out),
+        with self._using() as handle:
+            self._call("GetStopStrings", self._api.GetStopStrings, handle, ctypes.byref(out),
                        ctypes.byref(count))
         if not count.value:
             return []
@@ -67,35 +91,36 @@ class LlmModel(Model):
             self._api.FreeStopStrings(out, count)
 
     @stop_strings.setter
-    def stop_strings(self, strings):
+    def stop_strings(self, strings: Iterable[str]) -> None:
         if isinstance(strings, (str, bytes)):
             raise TypeError("stop_strings takes a list of strings, not one string")
         data = [encode(s) for s in strings]
         array = (ctypes.c_char_p * len(data))(*data)
-        with self._lock:
-            self._call("SetStopStrings", self._api.SetStopStrings, self.handle, array, len(data))
+        with self._using() as handle:
+            self._call("SetStopStrings", self._api.SetStopStrings, handle, array, len(data))
 
     @property
-    def stop_token_ids(self):
+    def stop_token_ids(self) -> list[int]:
         """The stop token ids in ascending order; assign any iterable of ints."""
         return self._get_ids("GetStopTokens", self._api.GetStopTokens, self._api.FreeStopTokens)
 
     @stop_token_ids.setter
-    def stop_token_ids(self, ids):
+    def stop_token_ids(self, ids: Iterable[int]) -> None:
         self._set_ids("SetStopTokens", self._api.SetStopTokens, ids)
 
 
 class _Failed:
-    def __init__(self, error):
+    def __init__(self, error: BaseException):
         self.error = error
 
 
-def _stream_worker(model, handle, data, callback, pieces):
+def _stream_worker(model: LlmModel, handle: ctypes.c_void_p, data: bytes, callback: Any,
+                   pieces: queue.SimpleQueue) -> None:
     # Refers to nothing of the TextStream, so an abandoned stream is collected
     # (and closed) while this still runs.
+    end: _Failed | None = None
     try:
         model._call("StreamModel", model._api.StreamModel, handle, data, callback)
-        end = None
     except BaseException as error:  # handed to the consumer
         end = _Failed(error)
     finally:
@@ -103,30 +128,33 @@ def _stream_worker(model, handle, data, callback, pieces):
     pieces.put(end)
 
 
-class TextStream:
+class TextStream(Iterator[str]):
     """The pieces of one streamed generation, as str.
 
     StreamModel blocks until generation ends and hands each piece to a
     callback, so it runs on a worker thread that passes the pieces through a
     queue. close() stops the generation and joins the worker; it is called by
-    `with`, by the model's close(), and when a stream that was left early
-    (a `break` out of the loop) is dropped. A failed stream raises
-    VelmoraError from the iteration, after the pieces that came before the
-    failure. While it runs, other calls on the model wait for it to end."""
+    `with`, by the model's close(), by any new call on the model, and when a
+    stream that was left early is dropped. A `break` or an exception in the
+    loop body thus cancels it, as does Ctrl-C while waiting for a piece. A
+    failed stream raises VelmoraError from the iteration, after the pieces
+    that came before the failure."""
 
-    def __init__(self, model, prompt):
+    def __init__(self, model: LlmModel, prompt: str):
         self._model = model
-        self._pieces = queue.SimpleQueue()
+        self._pieces: queue.SimpleQueue = queue.SimpleQueue()
         self._stop = stop = threading.Event()
         self._finished = False
         pieces = self._pieces
 
-        def on_text(piece):
+        def on_text(piece: bytes) -> int:
             pieces.put(piece)
             return 1 if stop.is_set() else 0
 
         self._callback = _abi.TextCallback(on_text)
         data = encode(prompt)
+        for earlier in list(model._streams):
+            earlier.close()
         # Held from here until StreamModel returns, released by the worker.
         model._lock.acquire()
         try:
@@ -139,10 +167,10 @@ class TextStream:
             raise
         model._streams.add(self)
 
-    def __iter__(self):
+    def __iter__(self) -> TextStream:
         return self
 
-    def __next__(self):
+    def __next__(self) -> str:
         if self._finished:
             raise StopIteration
         piece = self._pieces.get()
@@ -153,11 +181,11 @@ class TextStream:
             raise piece.error
         raise StopIteration
 
-    def text(self):
+    def text(self) -> str:
         """Consumes the rest of the stream and returns it joined."""
         return "".join(self)
 
-    def close(self):
+    def close(self) -> None:
         """Stops the generation if it still runs and waits for the worker."""
         if self._finished:
             return
@@ -166,17 +194,17 @@ class TextStream:
             self._model.cancel()
         self._finish()
 
-    def _finish(self):
+    def _finish(self) -> None:
         self._finished = True
         self._worker.join()
         self._model._streams.discard(self)
 
-    def __enter__(self):
+    def __enter__(self) -> TextStream:
         return self
 
-    def __exit__(self, *exc):
+    def __exit__(self, *exc: object) -> None:
         self.close()
 
-    def __del__(self):
+    def __del__(self) -> None:
         if not getattr(self, "_finished", True):
             self.close()

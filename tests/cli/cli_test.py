@@ -12,6 +12,10 @@ import sys
 import tempfile
 import time
 import unittest
+from pathlib import Path
+
+sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "python"))
+import velmora  # noqa: E402  (for its defaults only; it loads no library)
 
 HOST = MODELS = None
 PROMPT = "Once upon a time"
@@ -128,27 +132,50 @@ class Terminal(unittest.TestCase):
         self.assertNotIn(b"done in", err)
 
 
-class Errors(unittest.TestCase):
-    def assertLibraryError(self, result, message):
-        self.assertEqual(result.returncode, 1, result.stderr)
-        self.assertIn("error: " + message, result.stderr)
+class Interface(unittest.TestCase):
+    def test_version_settings_and_a_prompt_from_stdin(self):
+        self.assertRegex(run("--version").stdout, r"^velmora-host \d+\.\d+\.\d+\n$")
 
-    def test_refused_settings_show_the_library_message(self):
-        self.assertLibraryError(tiny("--set", "temperature=warm", PROMPT),
-                                "An error occurred setting property temperature with value warm: ")
-        self.assertLibraryError(
+        listed = tiny("--list-settings", "--set", "top_k=7")
+        self.assertEqual(listed.returncode, 0, listed.stderr)
+        lines = listed.stdout.splitlines()
+        # Every name is one the library knows; the context is the package's default.
+        self.assertEqual(len(lines), 21, lines)
+        self.assertTrue(all("=" in line for line in lines), lines)
+        self.assertIn("top_k=7", lines)
+        self.assertIn(f"max_new_tokens={velmora.DEFAULT_CONTEXT_LENGTH}", lines)
+        listed = run("transcribe", "--list-settings", "--model", os.path.join(MODELS, "tiny-whisper"))
+        self.assertEqual(listed.returncode, 0, listed.stderr)
+        unset = [line for line in listed.stdout.splitlines() if "=" not in line]
+        self.assertEqual(unset, ["language (not set)", "task (not set)"], listed.stdout)
+
+        piped = subprocess.run([HOST, "--model", os.path.join(MODELS, "tiny-llm"), "--context", "8", "-"],
+                               input=PROMPT + "\n", capture_output=True, text=True, timeout=300)
+        self.assertEqual(piped.stdout, tiny("--context", "8", PROMPT).stdout)
+
+
+class Errors(unittest.TestCase):
+    def assertFailure(self, result, line):
+        self.assertEqual(result.returncode, 1, result.stderr)
+        self.assertIn("error: " + line, result.stderr)
+
+    def test_failures_say_what_was_given_and_keep_the_library_message(self):
+        self.assertFailure(tiny("--set", "temperature=warm", PROMPT), "cannot set temperature=warm: "
+                           "An error occurred setting property temperature with value warm: invalid stof argument")
+        self.assertFailure(
             run("transcribe", "--model", os.path.join(MODELS, "tiny-whisper"), "--set", "max_new_tokens=x",
                 SPEECH.name),
-            "An error occurred setting property max_new_tokens with value x: ")
-
-    def test_load_and_compile_failures_show_the_library_message(self):
-        self.assertLibraryError(tiny("--device", "3", PROMPT), "3device type is not supported")
-        self.assertLibraryError(run("--model", os.path.join(MODELS, "missing"), PROMPT),
-                                "The provided model path is not a directory")
+            "cannot set max_new_tokens=x: An error occurred setting property max_new_tokens with value x: ")
+        self.assertFailure(tiny("--set", "stop_criteria=early", PROMPT), "cannot set stop_criteria=early\n")
+        self.assertRegex(tiny("--device", "3", PROMPT).stderr, "error: cannot load model '.*': 3device type is not supported")
+        missing = os.path.join(MODELS, "missing")
+        self.assertFailure(run("--model", missing, PROMPT),
+                           f"cannot load model '{missing}': The provided model path is not a directory")
         # CompileModel has no handle; its message still reaches the host.
-        self.assertLibraryError(run("compile", "--model", os.path.join(MODELS, "tiny-llm"), "--context", "0"),
-                                "An exception occurred while compiling the model: "
-                                "The context length must be greater than 0")
+        tiny_llm = os.path.join(MODELS, "tiny-llm")
+        self.assertFailure(run("compile", "--model", tiny_llm, "--context", "0"),
+                           f"cannot compile model '{tiny_llm}' for CPU: An exception occurred while compiling "
+                           "the model: The context length must be greater than 0")
 
     def test_usage_and_audio_errors(self):
         for args in (["--context", "many"], ["--set", "novalue"], ["tokenize", "--stop", "x", "a"],
@@ -158,27 +185,20 @@ class Errors(unittest.TestCase):
             junk.write(b"not audio at all" * 10)
             junk.flush()
             result = run("transcribe", "--model", os.path.join(MODELS, "tiny-whisper"), junk.name)
-        self.assertEqual(result.returncode, 1)
-        self.assertIn(junk.name + ": ", result.stderr)
+        self.assertFailure(result, f"cannot read audio '{junk.name}': ")
 
 
 class Transcribe(unittest.TestCase):
     WORDS = {"quick", "brown", "fox", "jumps", "over", "lazy", "dog"}
 
-    def assertHeard(self, path):
-        result = run("transcribe", "--stats", "--model", os.path.join(MODELS, "whisper-base"), path)
+    def test_speech_in_another_format_rate_and_channel_count(self):
+        with tempfile.NamedTemporaryFile(suffix=".flac") as flac:
+            subprocess.run(["sox", SPEECH.name, "-r", "44100", "-c", "2", flac.name], check=True)
+            result = run("transcribe", "--stats", "--model", os.path.join(MODELS, "whisper-base"), flac.name)
         self.assertEqual(result.returncode, 0, result.stderr)
         heard = set(re.findall(r"[a-z]+", result.stdout.lower()))
         self.assertGreaterEqual(len(self.WORDS & heard), 3, result.stdout)
         self.assertRegex(result.stderr, r"stats: 2\.\d\d s of audio")  # resampled, not stretched
-
-    def test_speech_at_its_native_rate(self):
-        self.assertHeard(SPEECH.name)  # 22050 Hz mono WAV
-
-    def test_speech_in_another_format_rate_and_channel_count(self):
-        with tempfile.NamedTemporaryFile(suffix=".flac") as flac:
-            subprocess.run(["sox", SPEECH.name, "-r", "44100", "-c", "2", flac.name], check=True)
-            self.assertHeard(flac.name)
 
 
 def main():

@@ -49,11 +49,11 @@ bool ReadSpeech(const std::string& path, std::vector<float>& samples, std::strin
     SF_INFO info = {};
     std::unique_ptr<SNDFILE, SndfileCloser> file(sf_open(path.c_str(), SFM_READ, &info));
     if (!file) {
-        error = path + ": " + sf_strerror(nullptr);
+        error = sf_strerror(nullptr);
         return false;
     }
     if (info.channels < 1 || info.samplerate < 1) {
-        error = path + ": no audio channels";
+        error = "no audio channels";
         return false;
     }
     // Frame counts are unreliable for some formats (MP3): read until the end.
@@ -63,7 +63,7 @@ bool ReadSpeech(const std::string& path, std::vector<float>& samples, std::strin
     while ((frames = sf_readf_float(file.get(), block.data(), 4096)) > 0)
         interleaved.insert(interleaved.end(), block.begin(), block.begin() + frames * info.channels);
     if (sf_error(file.get()) != SF_ERR_NO_ERROR) {
-        error = path + ": " + sf_strerror(file.get());
+        error = sf_strerror(file.get());
         return false;
     }
     samples = Downmix(interleaved, info.channels);

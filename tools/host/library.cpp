@@ -2,23 +2,23 @@
 
 #include <dlfcn.h>
 
-#include <atomic>
+#include <mutex>
+#include <utility>
 
 #include "progress.h"
 
 namespace cli {
 namespace {
 
-std::atomic<int> errorCount{0};
-std::atomic<bool> muted{false};
+std::mutex errorMutex;  // the library may report from the runtime's threads
+std::string lastError;
 
-void OnLog(const char* message) {
-    if (!muted) Progress::Note(message);
-}
+void OnLog(const char* message) { Progress::Note(message); }
 
+// Kept for the command that failed, which words the line with what it was doing.
 void OnError(const char* message) {
-    ++errorCount;
-    if (!muted) Progress::Note((std::string("error: ") + message).c_str());
+    std::lock_guard<std::mutex> lock(errorMutex);
+    lastError = message;
 }
 
 template <typename Table>
@@ -51,8 +51,9 @@ const HostCallbacks& Library::Callbacks() {
     return callbacks;
 }
 
-int Library::ErrorCount() { return errorCount; }
-
-void Library::Mute(bool on) { muted = on; }
+std::string Library::TakeError() {
+    std::lock_guard<std::mutex> lock(errorMutex);
+    return std::exchange(lastError, std::string());
+}
 
 }  // namespace cli

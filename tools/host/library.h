@@ -21,12 +21,11 @@ public:
     const LlmApiBase& llm() const { return *llm_; }
     const WhisperApiBase& whisper() const { return *whisper_; }
 
-    // The pair given to every InitModel: log and error messages go to stderr.
+    // The pair given to every InitModel: log messages go to stderr, the
+    // error message is kept for TakeError.
     static const HostCallbacks& Callbacks();
-    // How many error messages the library has reported so far.
-    static int ErrorCount();
-    // While muted, messages are not printed (errors are still counted).
-    static void Mute(bool muted);
+    // The library's last error message, "" when none; clears it.
+    static std::string TakeError();
 
 private:
     void* handle_ = nullptr;

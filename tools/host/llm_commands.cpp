@@ -7,41 +7,27 @@
 #include "interrupt.h"
 #include "progress.h"
 #include "report.h"
+#include "settings.h"
 #include "stats.h"
 
 namespace cli {
 namespace {
 
-// An LLM handle, destroyed with the object.
-class LlmHandle {
-public:
-    LlmHandle(const LlmApiBase& api, const Options& options) : api_(api) {
-        Progress progress("loading " + options.model + " on " + DeviceLabel(options.device));
-        if (api.InitModel(options.model.c_str(), options.device, options.context, &handle_,
-                          &Library::Callbacks()) == 0)
-            progress.Done();
-        else
-            handle_ = nullptr;
-    }
-    ~LlmHandle() { api_.DestroyModel(handle_); }
-    LlmHandle(const LlmHandle&) = delete;
-    LlmHandle& operator=(const LlmHandle&) = delete;
-    void* get() const { return handle_; }
+using LlmModel = Model<LlmApiBase>;
 
-private:
-    const LlmApiBase& api_;
-    void* handle_ = nullptr;
-};
+LlmModel Load(const LlmApiBase& api, const Options& options) {
+    return LlmModel(api, options.model, options.device, [&](void** handle) {
+        return api.InitModel(options.model.c_str(), options.device, options.context, handle, &Library::Callbacks());
+    });
+}
 
 bool ApplyLlmOptions(const LlmApiBase& api, void* handle, const Options& options) {
-    for (const auto& [name, value] : options.settings)
-        if (!ApplySetting([&](const char* n, const char* v) { return api.SetConfigProperty(handle, n, v); },
-                          name, value))
-            return false;
+    if (!ApplySettings(api, handle, options.settings)) return false;
     if (!options.stopStrings.empty()) {
         std::vector<const char*> strings;
         for (const std::string& s : options.stopStrings) strings.push_back(s.c_str());
-        if (api.SetStopStrings(handle, strings.data(), strings.size()) != 0) return false;
+        if (api.SetStopStrings(handle, strings.data(), strings.size()) != 0)
+            return Fail("cannot set the stop strings"), false;
     }
     if (options.stopIds.empty()) return true;
     // --stop-id adds to the model's own stop ids, which hold its end-of-text id
@@ -49,16 +35,25 @@ bool ApplyLlmOptions(const LlmApiBase& api, void* handle, const Options& options
     std::vector<int64_t> ids = options.stopIds;
     int64_t* own = nullptr;
     size_t count = 0;
-    if (api.GetStopTokens(handle, &own, &count) != 0) return false;
+    if (api.GetStopTokens(handle, &own, &count) != 0) return Fail("cannot read the stop token ids"), false;
     if (count != 0) {
         ids.insert(ids.end(), own, own + count);
         api.FreeStopTokens(own);
     }
-    return api.SetStopTokens(handle, ids.data(), ids.size()) == 0;
+    if (api.SetStopTokens(handle, ids.data(), ids.size()) != 0) return Fail("cannot set the stop token ids"), false;
+    return true;
 }
 
-std::string JoinWords(const std::vector<std::string>& words) {
+// The operands joined by blanks; "-" alone is standard input, less one final newline.
+std::string TextOf(const std::vector<std::string>& words) {
     std::string text;
+    if (words.size() == 1 && words[0] == "-") {
+        char block[4096];
+        size_t n = 0;
+        while ((n = std::fread(block, 1, sizeof block, stdin)) > 0) text.append(block, n);
+        if (!text.empty() && text.back() == '\n') text.pop_back();
+        return text;
+    }
     for (const std::string& word : words) text += (text.empty() ? "" : " ") + word;
     return text;
 }
@@ -77,11 +72,12 @@ int OnPiece(char* piece) {
 
 int RunGenerate(const Options& options, Library& library) {
     const LlmApiBase& api = library.llm();
-    std::string prompt = JoinWords(options.words);
-    if (prompt.empty()) prompt = "The three primary colors are";
+    std::string prompt = TextOf(options.words);
+    if (prompt.empty() && options.words.empty()) prompt = "The three primary colors are";
 
-    LlmHandle model(api, options);
+    const LlmModel model = Load(api, options);
     if (model.get() == nullptr || !ApplyLlmOptions(api, model.get(), options)) return kFailed;
+    if (options.listSettings) return ListSettings(api, model.get(), kLlmSettings), kOk;
 
     std::fputs(prompt.c_str(), stdout);
     std::fflush(stdout);
@@ -95,7 +91,7 @@ int RunGenerate(const Options& options, Library& library) {
     std::fputs("\n", stdout);
     std::fflush(stdout);
     if (options.stats) Progress::Note(stats.Summary().c_str());
-    if (status != 0) return kFailed;
+    if (status != 0) return Fail("cannot generate");
     if (!cancel.Fired()) return kOk;
     Progress::Note("interrupted");
     return kInterrupted;
@@ -104,12 +100,12 @@ int RunGenerate(const Options& options, Library& library) {
 int RunTokenize(const Options& options, Library& library) {
     const LlmApiBase& api = library.llm();
     if (options.words.empty()) return UsageError("tokenize needs a text");
-    LlmHandle model(api, options);
+    const LlmModel model = Load(api, options);
     if (model.get() == nullptr) return kFailed;
 
     int64_t* ids = nullptr;
     size_t count = 0;
-    if (api.Tokenize(model.get(), JoinWords(options.words).c_str(), &ids, &count) != 0) return kFailed;
+    if (api.Tokenize(model.get(), TextOf(options.words).c_str(), &ids, &count) != 0) return Fail("cannot tokenize");
     for (size_t i = 0; i < count; ++i) std::printf(i ? " %lld" : "%lld", static_cast<long long>(ids[i]));
     std::printf("\n");
     api.FreeTokens(ids);
@@ -122,14 +118,17 @@ int RunCompile(const Options& options, Library& library) {
     // CompileModel reports through the pair of the last LLM InitModel only, and
     // InitModel stores the pair before anything else: hand ours over with an
     // InitModel that the library refuses at once (context length 0).
-    Library::Mute(true);
     void* unused = nullptr;
     api.InitModel(options.model.c_str(), options.device, 0, &unused, &Library::Callbacks());
-    Library::Mute(false);
+    Library::TakeError();
     api.DestroyModel(unused);
 
-    Progress progress("compiling " + options.model + " for " + DeviceLabel(options.device));
-    if (api.CompileModel(options.model.c_str(), options.device, options.context) != 0) return kFailed;
+    const std::string what = options.model + " for " + DeviceLabel(options.device);
+    Progress progress("compiling " + what);
+    if (api.CompileModel(options.model.c_str(), options.device, options.context) != 0) {
+        progress.Stop();
+        return Fail("cannot compile model '" + options.model + "' for " + DeviceLabel(options.device));
+    }
     progress.Done();
     return kOk;
 }

@@ -43,11 +43,11 @@ std::string DefaultLibrary(const char* argv0) {
 int main(int argc, char** argv) {
     using namespace cli;
     Options options;
-    std::string error;
-    if (!ParseArguments(argc, argv, options, error)) {
-        if (!error.empty()) std::fprintf(stderr, "error: %s\n", error.c_str());
-        PrintUsage(error.empty() ? stdout : stderr, argv[0]);
-        return error.empty() ? kOk : kUsage;
+    std::string error, info;
+    if (!ParseArguments(argc, argv, options, error, info)) {
+        if (error.empty()) return std::fputs(info.c_str(), stdout), kOk;
+        std::fprintf(stderr, "error: %s\n%s", error.c_str(), Usage(argv[0]).c_str());
+        return kUsage;
     }
     const Subcommand& sub = SubcommandOf(options.command);
     if (options.library.empty()) options.library = DefaultLibrary(argv[0]);
@@ -55,7 +55,8 @@ int main(int argc, char** argv) {
 
     Library library(options.library);
     if (!library.ok()) {
-        std::fprintf(stderr, "error: %s\n", library.error().c_str());
+        std::fprintf(stderr, "error: cannot load library '%s': %s\n", options.library.c_str(),
+                     library.error().c_str());
         return kFailed;
     }
     InterruptWatcher watcher;

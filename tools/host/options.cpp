@@ -6,10 +6,16 @@
 #include <cstring>
 #include <strings.h>
 
+#include <iterator>
+
 #include "commands.h"
+#include "report.h"
 
 namespace cli {
 namespace {
+
+#define CLI_TEXT_OF(x) #x
+#define CLI_TEXT(x) CLI_TEXT_OF(x)
 
 constexpr unsigned kLlm = kGenerate | kTokenize | kCompile;
 constexpr unsigned kAny = kLlm | kTranscribe;
@@ -32,9 +38,8 @@ bool ParseInt32(const char* text, int32_t& out) {
 
 // A device name, or a number handed to the library as is so that it judges it.
 bool ParseDevice(const char* text, int32_t& out) {
-    static const char* const names[] = {"CPU", "GPU", "NPU"};
-    for (int32_t i = 0; i < 3; ++i)
-        if (strcasecmp(text, names[i]) == 0) return out = i, true;
+    for (int32_t i = 0; i < static_cast<int32_t>(std::size(kDevices)); ++i)
+        if (strcasecmp(text, kDevices[i]) == 0) return out = i, true;
     return ParseInt32(text, out);
 }
 
@@ -54,7 +59,7 @@ const Option kOptions[] = {
      [](Options& o, const char* v) { o.model = v; return true; }},
     {"--device", "CPU|GPU|NPU", kAny, "device (or its number)",
      [](Options& o, const char* v) { return ParseDevice(v, o.device); }},
-    {"--context", "N", kLlm, "context length: max_new_tokens, NPU prompt length (default 64)",
+    {"--context", "N", kLlm, "context length: max_new_tokens, NPU prompt length (default " CLI_TEXT(CLI_DEFAULT_CONTEXT) ")",
      [](Options& o, const char* v) { return ParseInt32(v, o.context); }},
     {"--set", "NAME=VALUE", kGenerate | kTranscribe, "set a generation setting (repeatable)",
      [](Options& o, const char* v) {
@@ -72,6 +77,8 @@ const Option kOptions[] = {
          o.stopIds.push_back(id);
          return true;
      }},
+    {"--list-settings", nullptr, kGenerate | kTranscribe, "print every setting of the loaded model and stop",
+     [](Options& o, const char*) { o.listSettings = true; return true; }},
     {"--stats", nullptr, kGenerate | kTranscribe, "print statistics on stderr",
      [](Options& o, const char*) { o.stats = true; return true; }},
 };
@@ -84,7 +91,7 @@ const Option* FindOption(const char* name) {
 
 }  // namespace
 
-bool ParseArguments(int argc, char** argv, Options& options, std::string& error) {
+bool ParseArguments(int argc, char** argv, Options& options, std::string& error, std::string& info) {
     int i = 1;
     if (i < argc)
         for (const Subcommand& sub : kSubcommands)
@@ -107,6 +114,12 @@ bool ParseArguments(int argc, char** argv, Options& options, std::string& error)
         }
         if (std::strcmp(arg, "--help") == 0 || std::strcmp(arg, "-h") == 0) {
             error.clear();
+            info = Usage(argv[0]);
+            return false;
+        }
+        if (std::strcmp(arg, "--version") == 0) {
+            error.clear();
+            info = "velmora-host " VELMORA_VERSION "\n";
             return false;
         }
         const Option* option = FindOption(arg);
@@ -134,23 +147,31 @@ bool ParseArguments(int argc, char** argv, Options& options, std::string& error)
     return true;
 }
 
-void PrintUsage(std::FILE* out, const char* program) {
-    std::fprintf(out, "usage: %s [SUBCOMMAND] [OPTIONS] OPERANDS\n\nsubcommands (default generate):\n",
-                 program);
-    for (const Subcommand& sub : kSubcommands)
-        std::fprintf(out, "  %-10s %-12s %s (model: models/%s)\n", sub.name, sub.operands, sub.summary,
-                     sub.defaultModel);
-    std::fprintf(out, "\noptions:\n");
+std::string Usage(const char* program) {
+    std::string text;
+    char line[512];
+    std::snprintf(line, sizeof line, "usage: %s [SUBCOMMAND] [OPTIONS] OPERANDS\n\nsubcommands (default generate):\n",
+                  program);
+    text += line;
+    for (const Subcommand& sub : kSubcommands) {
+        std::snprintf(line, sizeof line, "  %-10s %-12s %s (model: models/%s)\n", sub.name, sub.operands,
+                      sub.summary, sub.defaultModel);
+        text += line;
+    }
+    text += "\noptions:\n";
     for (const Option& option : kOptions) {
         std::string usedBy;
         for (const Subcommand& sub : kSubcommands)
             if (option.commands & sub.id) usedBy += std::string(usedBy.empty() ? "" : ",") + sub.name;
         const std::string left = std::string(option.name) + (option.metavar ? " " : "") +
                                  (option.metavar ? option.metavar : "");
-        std::fprintf(out, "  %-24s %s [%s]\n", left.c_str(), option.help, usedBy.c_str());
+        std::snprintf(line, sizeof line, "  %-24s %s [%s]\n", left.c_str(), option.help, usedBy.c_str());
+        text += line;
     }
-    std::fprintf(out, "\nCtrl-C stops a generation or transcription; what came so far is printed "
-                         "and the exit status is 130.\n");
+    text += "  --version                print the version\n"
+            "\nA PROMPT or TEXT of \"-\" is read from standard input (without its final newline).\n"
+            "Ctrl-C stops a generation or transcription; what came so far is printed and the exit status is 130.\n";
+    return text;
 }
 
 }  // namespace cli

@@ -17,23 +17,31 @@ enum Command : unsigned {
     kTranscribe = 1u << 3,
 };
 
+// max_new_tokens of a new model, and on the NPU its longest prompt; the Python
+// package's DEFAULT_CONTEXT_LENGTH is the same, so that a blob compiled by
+// one loads in the other.
+#define CLI_DEFAULT_CONTEXT 256
+constexpr int32_t kDefaultContext = CLI_DEFAULT_CONTEXT;
+
 struct Options {
     Command command = kGenerate;
     std::string library;
     std::string model;  // empty: the subcommand's default model
     int32_t device = 0;
-    int32_t context = 64;
+    int32_t context = kDefaultContext;
     std::vector<std::pair<std::string, std::string>> settings;  // --set, in order
     std::vector<std::string> stopStrings;
     std::vector<int64_t> stopIds;
     bool stats = false;
+    bool listSettings = false;
     std::vector<std::string> words;  // prompt, text to tokenize or audio file
 };
 
 // Fills `options` from argv. On a usage error returns false with `error` set.
-// A bare "--help" returns false with an empty `error`.
-bool ParseArguments(int argc, char** argv, Options& options, std::string& error);
+// "--help" and "--version" return false with an empty `error` and `info` set
+// to what to print.
+bool ParseArguments(int argc, char** argv, Options& options, std::string& error, std::string& info);
 
-void PrintUsage(std::FILE* out, const char* program);
+std::string Usage(const char* program);
 
 }  // namespace cli

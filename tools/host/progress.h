@@ -20,13 +20,14 @@ public:
 
     // Ends the display with "label: done in N s".
     void Done();
+    // Ends the display, printing nothing.
+    void Stop();
 
     // Prints one line on stderr without tearing a running display.
     static void Note(const char* line);
 
 private:
     void Run();
-    void Stop();
 
     std::string label_;
     std::chrono::steady_clock::time_point start_;

@@ -9,47 +9,35 @@
 #include "interrupt.h"
 #include "progress.h"
 #include "report.h"
+#include "settings.h"
 #include "stats.h"
 
 namespace cli {
 
 int RunTranscribe(const Options& options, Library& library) {
     const WhisperApiBase& api = library.whisper();
-    if (options.words.size() != 1) return UsageError("transcribe needs one audio file");
+    if (options.words.size() != (options.listSettings ? 0 : 1))
+        return UsageError("transcribe needs one audio file");
 
     std::vector<float> samples;
     std::string error;
-    if (!ReadSpeech(options.words[0], samples, error)) {
-        Progress::Note(("error: " + error).c_str());
-        return kFailed;
-    }
-    if (samples.size() > INT32_MAX) {
-        Progress::Note("error: the audio is too long for one transcription");
-        return kFailed;
-    }
+    if (!options.listSettings && !ReadSpeech(options.words[0], samples, error))
+        return Progress::Note(("error: cannot read audio '" + options.words[0] + "': " + error).c_str()), kFailed;
+    if (samples.size() > INT32_MAX)
+        return Progress::Note("error: the audio is too long for one transcription"), kFailed;
 
-    void* handle = nullptr;
-    {
-        Progress progress("loading " + options.model + " on " + DeviceLabel(options.device));
-        if (api.InitModel(options.model.c_str(), options.device, &handle, &Library::Callbacks()) != 0)
-            return kFailed;
-        progress.Done();
-    }
-    struct Destroy {
-        const WhisperApiBase& api;
-        void* handle;
-        ~Destroy() { api.DestroyModel(handle); }
-    } destroy{api, handle};
-
-    for (const auto& [name, value] : options.settings)
-        if (!ApplySetting([&](const char* n, const char* v) { return api.SetConfigProperty(handle, n, v); },
-                          name, value))
-            return kFailed;
+    const Model<WhisperApiBase> model(api, options.model, options.device, [&](void** handle) {
+        return api.InitModel(options.model.c_str(), options.device, handle, &Library::Callbacks());
+    });
+    void* const handle = model.get();
+    if (handle == nullptr || !ApplySettings(api, handle, options.settings)) return kFailed;
+    if (options.listSettings) return ListSettings(api, handle, kWhisperSettings), kOk;
 
     char* text = nullptr;
     CancelOnInterrupt cancel([&api, handle] { api.CancelModel(handle); });
     const auto start = std::chrono::steady_clock::now();
-    if (api.QueryModel(handle, samples.data(), static_cast<int32_t>(samples.size()), &text) != 0) return kFailed;
+    if (api.QueryModel(handle, samples.data(), static_cast<int32_t>(samples.size()), &text) != 0)
+        return Fail("cannot transcribe '" + options.words[0] + "'");
     const double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     std::printf("%s\n", text);
     std::fflush(stdout);
