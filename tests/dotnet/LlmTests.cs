@@ -1,0 +1,257 @@
+using System;
+using System.Collections.Generic;
+using System.IO;
+using System.Linq;
+using System.Runtime.CompilerServices;
+using System.Text;
+using System.Threading;
+using Velmora;
+
+static class LlmTests
+{
+    const string Prompt = "Once upon a time";
+
+    static LlmModel Tiny(int contextLength = 16)
+    {
+        return new LlmModel(Path.Combine(Runner.Models, "tiny-llm"), Device.Cpu, contextLength);
+    }
+
+    /// <summary>Wraps StreamModel to see what the binding cannot hide: the pieces the library
+    /// delivered and whether StreamModel has returned.</summary>
+    sealed class Watched : IDisposable
+    {
+        readonly Native.StreamFn real = Library.Llm.StreamModel;
+        public int Delivered;
+        public volatile bool Running;
+
+        public Watched()
+        {
+            Library.Llm.StreamModel = (handle, prompt, onText) =>
+            {
+                Running = true;
+                Native.TextFn counting = piece => { Interlocked.Increment(ref Delivered); return onText(piece); };
+                int status = real(handle, prompt, counting);
+                GC.KeepAlive(counting);
+                Running = false;
+                return status;
+            };
+        }
+
+        public void Dispose() { Library.Llm.StreamModel = real; }
+    }
+
+    // Must run before any LLM model exists: the library has no error function until then.
+    [Test]
+    static void CompileReportsBeforeAnyModelExists()
+    {
+        var e = Check.Throws<VelmoraException>(() => LlmModel.Compile(Path.Combine(Runner.Models, "tiny-llm"), Device.Cpu, 0), "compile");
+        Check.Equal("An exception occurred while compiling the model: The context length must be greater than 0", e.Message, "message");
+        Check.Equal(1, e.Status, "status");
+        LlmModel.Compile(Path.Combine(Runner.Models, "tiny-llm"), Device.Cpu, 8);
+    }
+
+    [Test]
+    static void StreamPiecesMakeUpTheGeneratedText()
+    {
+        using (var releases = new Releases())
+        using (LlmModel model = Tiny())
+        {
+            string text = model.Generate(Prompt);
+            var pieces = model.Stream(Prompt).ToList();
+            Check.That(pieces.Count > 4, "several pieces");
+            Check.Equal(text, string.Concat(pieces), "stream text");
+            Check.Equal(1, releases.Count("FreeQueryResult"), "texts released");
+        }
+    }
+
+    [Test]
+    static void LeavingAStreamEarlyStopsItAndFreesTheModel()
+    {
+        using (var watched = new Watched())
+        using (LlmModel model = Tiny())
+        {
+            model.Settings.Set("ignore_eos", true);
+            model.Settings.Set("max_new_tokens", 100000L);  // minutes, unless stopped
+            int seen = 0;
+            foreach (string piece in model.Stream(Prompt)) if (++seen == 2) break;
+            Check.That(!watched.Running && watched.Delivered < 50, "break stopped the generation before returning");
+
+            using (var source = new CancellationTokenSource())
+            {
+                seen = 0;
+                foreach (string piece in model.Stream(Prompt, source.Token)) if (++seen == 2) source.Cancel();
+                Check.That(!watched.Running && seen < 50, "a cancelled token ended the sequence");
+                Check.That(!model.Stream(Prompt, source.Token).Any(), "an already cancelled token generates nothing");
+            }
+
+            // Abandoned mid-way: the finalizer stops it, and the model is usable after.
+            AbandonAfterOnePiece(model);
+            GC.Collect();
+            GC.WaitForPendingFinalizers();
+            model.Settings.Set("max_new_tokens", 12L);
+            Check.That(model.Tokenize(model.Generate(Prompt)).Length >= 10, "no cancel left behind");
+
+            // Calling the model from inside its own loop would wait for itself.
+            foreach (string piece in model.Stream(Prompt))
+            {
+                Check.Throws<InvalidOperationException>(() => model.Tokenize("x"), "reentrant call");
+                break;
+            }
+        }
+    }
+
+    [MethodImpl(MethodImplOptions.NoInlining)]
+    static void AbandonAfterOnePiece(LlmModel model)
+    {
+        IEnumerator<string> pieces = model.Stream(Prompt).GetEnumerator();
+        pieces.MoveNext();
+    }
+
+    [Test]
+    static void CancelFromAnotherThreadEndsAGeneration()
+    {
+        using (LlmModel model = Tiny())
+        {
+            model.Settings.Set("ignore_eos", true);
+            model.Settings.Set("max_new_tokens", 100000L);
+            string text = null;
+            var worker = new Thread(() => text = model.Generate(Prompt));
+            worker.Start();
+            // A cancel landing before the run starts is forgotten: repeat until it ends.
+            while (!worker.Join(20)) model.Cancel();
+            Check.That(text != null && text.Length > 0, "the text so far");
+        }
+    }
+
+    [Test]
+    static void SettingsRoundTripAndRefusalsCarryTheLibraryText()
+    {
+        using (LlmModel model = Tiny())
+        {
+            model.Settings["temperature"] = "0.7";
+            Check.Equal(0.7, model.Settings.GetDouble("temperature"), "temperature");
+            model.Settings.Set("top_p", 0.25);
+            model.Settings.Set("top_k", 7L);
+            model.Settings.Set("do_sample", true);
+            Check.Equal(0.25, model.Settings.GetDouble("top_p"), "top_p");
+            Check.Equal(7L, model.Settings.GetInt64("top_k"), "top_k");
+            Check.That(model.Settings.GetBoolean("do_sample"), "do_sample");
+            string ignored;
+            Check.That(!model.Settings.TryGetValue("seed", out ignored), "unknown name");
+
+            var e = Check.Throws<VelmoraException>(() => model.Settings["top_k"] = "many", "refused value");
+            Check.Equal("An error occurred setting property top_k with value many: invalid stoi argument", e.Message, "message");
+            Check.Equal(1, e.Status, "status");
+            e = Check.Throws<VelmoraException>(() => model.Settings["stop_criteria"] = "early", "refused silently");
+            Check.Equal("SetConfigProperty failed with status 1 and no message", e.Message, "no message");
+
+            // Settings the runtime refuses together fail the next generation.
+            model.Settings.Set("do_sample", false);
+            model.Settings["num_return_sequences"] = "3";
+            e = Check.Throws<VelmoraException>(() => model.Generate(Prompt), "invalid settings");
+            Check.That(e.Status == 2 && e.Message.StartsWith("Failed to validate config: "), "status 2: " + e.Message);
+            e = Check.Throws<VelmoraException>(() => model.Stream(Prompt).ToList(), "stream");
+            Check.That(e.Status == 1 && e.Message.Contains("Failed to validate config: "), "stream failure: " + e.Message);
+            model.Settings["num_return_sequences"] = "1";
+            Check.That(model.Generate(Prompt).Length > 0, "usable after");
+        }
+    }
+
+    // Messages go to the thread whose call failed, even with failures at once on two models.
+    [Test]
+    static void ConcurrentFailuresEachGetTheirOwnMessage()
+    {
+        using (LlmModel first = Tiny(), second = Tiny())
+        {
+            var wrong = new List<string>();
+            Func<LlmModel, string, ThreadStart> failing = (model, value) => () =>
+            {
+                for (int i = 0; i < 200; i++)
+                {
+                    try { model.Settings["top_k"] = value; }
+                    catch (VelmoraException e) { if (!e.Message.Contains("value " + value + ":")) lock (wrong) wrong.Add(e.Message); }
+                }
+            };
+            var threads = new[] { new Thread(failing(first, "aaa")), new Thread(failing(second, "bbb")) };
+            foreach (Thread t in threads) t.Start();
+            foreach (Thread t in threads) t.Join();
+            Check.Equal(0, wrong.Count, "messages of the other thread");
+        }
+    }
+
+    [Test]
+    static void StopListsAndTokensRoundTripInUtf8AndAreReleased()
+    {
+        using (var releases = new Releases())
+        using (LlmModel model = Tiny())
+        {
+            model.StopStrings = new[] { "b", "a", "b", "é✓" };
+            Check.Sequence(new[] { "a", "b", "é✓" }, model.StopStrings, "stop strings");
+            model.StopTokenIds = new long[] { 5, -1, 5, 3 };
+            Check.Sequence(new long[] { -1, 3, 5 }, model.StopTokenIds, "stop ids");
+            model.StopStrings = new string[0];
+            model.StopTokenIds = new long[0];
+            Check.That(model.StopStrings.Length == 0 && model.StopTokenIds.Length == 0, "emptied");
+            Check.Sequence(new[] { "FreeStopStrings 3", "FreeStopTokens" }, releases.Calls, "releases");
+            Check.Throws<ArgumentException>(() => model.StopStrings = new[] { "a\0b" }, "embedded NUL");
+
+            // The library's own ids for the UTF-8 bytes, passed by hand.
+            byte[] bytes = { (byte)'c', (byte)'a', (byte)'f', 0xc3, 0xa9, (byte)' ', 0xe2, 0x9c, 0x93, 0 };
+            IntPtr ids;
+            UIntPtr count;
+            using (var raw = new LlmModelRaw(model)) Check.Equal(0, Library.Llm.Tokenize(raw.Handle, bytes, out ids, out count), "raw tokenize");
+            long[] expected = new long[(int)count];
+            System.Runtime.InteropServices.Marshal.Copy(ids, expected, 0, expected.Length);
+            Library.Llm.FreeTokens(ids);
+            Check.Sequence(expected, model.Tokenize("café ✓"), "tokenize");
+            Check.Equal(0, model.Tokenize("").Length, "empty");
+            Check.Equal(3, releases.Count("FreeTokens"), "every tokenize releases, an empty one too");
+        }
+    }
+
+    /// <summary>The raw handle of a model, for calling a slot directly.</summary>
+    sealed class LlmModelRaw : IDisposable
+    {
+        readonly ModelCore core;
+        public readonly IntPtr Handle;
+        public LlmModelRaw(LlmModel model)
+        {
+            core = (ModelCore)typeof(LlmModel).GetField("core", System.Reflection.BindingFlags.NonPublic | System.Reflection.BindingFlags.Instance).GetValue(model);
+            Handle = core.Acquire();
+        }
+        public void Dispose() { core.Release(); }
+    }
+
+    [Test]
+    static void ModelsEndExactlyOnce()
+    {
+        using (var releases = new Releases())
+        {
+            LlmModel model = Tiny();
+            model.Dispose();
+            model.Dispose();
+            Check.Throws<ObjectDisposedException>(() => model.Generate(Prompt), "disposed");
+            model.Cancel();  // harmless
+            Check.Equal(1, releases.Count("DestroyModel"), "double Dispose");
+
+            DropModel();
+            GC.Collect();
+            GC.WaitForPendingFinalizers();
+            Check.Equal(2, releases.Count("DestroyModel"), "finalizer");
+
+            // Collections while a stream runs; then Dispose from inside the loop ends it once.
+            model = Tiny(64);
+            int seen = 0;
+            foreach (string piece in model.Stream(Prompt))
+            {
+                GC.Collect();
+                GC.WaitForPendingFinalizers();
+                if (++seen == 3) model.Dispose();
+            }
+            Check.Equal(3, releases.Count("DestroyModel"), "disposed during a stream");
+        }
+    }
+
+    [MethodImpl(MethodImplOptions.NoInlining)]
+    static void DropModel() { Tiny().Tokenize("x"); }
+}
