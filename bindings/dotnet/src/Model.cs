@@ -89,7 +89,7 @@ namespace Velmora
         internal IntPtr Acquire()
         {
             StreamRun run = ActiveStream;
-            if (run != null && run.ConsumerThread == Thread.CurrentThread.ManagedThreadId)
+            if (run != null && run.IsConsumer)
                 throw new InvalidOperationException("A stream of this model is running on this thread; finish or dispose it first");
             ThrowIfDisposed();
             gate.Wait();

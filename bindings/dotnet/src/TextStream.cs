@@ -45,7 +45,8 @@ namespace Velmora
         Canceller canceller;
         Thread worker;
         internal readonly BlockingCollection<byte[]> Pieces = new BlockingCollection<byte[]>();
-        internal readonly int ConsumerThread = Thread.CurrentThread.ManagedThreadId;
+        // The thread that must not wait for this run (it would wait for itself); none once abandoned.
+        volatile int consumerThread = Thread.CurrentThread.ManagedThreadId;
         internal Exception Failure;
 
         internal StreamRun(ModelCore core, LlmApi api, byte[] prompt)
@@ -111,6 +112,16 @@ namespace Velmora
         {
             stop = true;
             if (canceller != null) canceller.Fire();
+        }
+
+        internal bool IsConsumer { get { return consumerThread == Thread.CurrentThread.ManagedThreadId; } }
+
+        /// <summary>From the finalizer of an enumerator dropped mid-way: nobody consumes the pieces any
+        /// more, and its thread may wait for the run to end like any other.</summary>
+        internal void Abandon()
+        {
+            consumerThread = -1;
+            Stop();
         }
 
         internal void Join() { worker.Join(); }
@@ -200,7 +211,7 @@ namespace Velmora
 
         ~StreamEnumerator()
         {
-            if (run != null && !ended) run.Stop();
+            if (run != null && !ended) run.Abandon();
         }
     }
 }
