@@ -19,17 +19,10 @@ namespace Velmora
             byte[] path = Text.Encode(modelDir, "modelDir");
             api = Library.Llm;
             core = new ModelCore(Family.Llm, api, "LlmModel");
-            core.Init(callbacks =>
-            {
-                IntPtr handle;
-                Family.Begin();
-                Family.Check("InitModel", api.InitModel(path, (int)device, contextLength, out handle, ref callbacks));
-                return handle;
-            });
-            Settings = new Settings(core);
+            core.Init((ref HostCallbacks callbacks, out IntPtr handle) => api.InitModel(path, (int)device, contextLength, out handle, ref callbacks));
         }
 
-        public Settings Settings { get; private set; }
+        public Settings Settings { get { return core.Settings; } }
 
         /// <summary>The generated text. A <see cref="Cancel"/> from another thread ends it early with the
         /// text so far. Status 2/3 means the settings failed validation, 4/5 the generation failed.</summary>

@@ -11,9 +11,9 @@ namespace Velmora
     internal sealed class ModelHandle : SafeHandle
     {
         readonly Family family;
-        readonly ICommonSlots slots;
+        readonly CommonSlots slots;
 
-        internal ModelHandle(Family family, ICommonSlots slots) : base(IntPtr.Zero, true)
+        internal ModelHandle(Family family, CommonSlots slots) : base(IntPtr.Zero, true)
         {
             this.family = family;
             this.slots = slots;
@@ -26,7 +26,7 @@ namespace Velmora
         protected override bool ReleaseHandle()
         {
             family.Lock.EnterReadLock();
-            try { slots.Destroy(handle); }
+            try { slots.DestroyModel(handle); }
             finally { family.Lock.ExitReadLock(); }
             return true;
         }
@@ -50,7 +50,7 @@ namespace Velmora
     internal sealed class ModelCore
     {
         internal readonly Family Family;
-        internal readonly ICommonSlots Slots;
+        internal readonly CommonSlots Slots;
         internal readonly ModelHandle Handle;
         readonly string owner;
         // Slots of one handle must not overlap (CancelModel aside). A semaphore rather than a
@@ -58,7 +58,7 @@ namespace Velmora
         readonly SemaphoreSlim gate = new SemaphoreSlim(1, 1);
         internal volatile StreamRun ActiveStream;
 
-        internal ModelCore(Family family, ICommonSlots slots, string owner)
+        internal ModelCore(Family family, CommonSlots slots, string owner)
         {
             Family = family;
             Slots = slots;
@@ -66,19 +66,27 @@ namespace Velmora
             this.owner = owner;
         }
 
-        /// <summary>Runs an InitModel that writes the handle; it replaces the family's callback pair,
-        /// so it runs alone among the family's slots.</summary>
-        internal void Init(Func<HostCallbacks, IntPtr> init)
+        internal delegate int InitFn(ref HostCallbacks callbacks, out IntPtr handle);
+
+        /// <summary>Runs the family's InitModel. It replaces the family's callback pair, so it runs
+        /// alone among the family's slots.</summary>
+        internal void Init(InitFn init)
         {
             Family.Lock.EnterWriteLock();
             try
             {
-                IntPtr raw = init(Family.Callbacks);
+                IntPtr raw;
+                HostCallbacks callbacks = Family.Callbacks;
+                Family.Begin();
+                Family.Check("InitModel", init(ref callbacks, out raw));
                 Family.Initialised = true;
                 Handle.Attach(raw);
             }
             finally { Family.Lock.ExitWriteLock(); }
+            Settings = new Settings(this);
         }
+
+        internal Settings Settings { get; private set; }
 
         internal void ThrowIfDisposed()
         {
@@ -136,7 +144,7 @@ namespace Velmora
             bool added = false;
             try { Handle.DangerousAddRef(ref added); }
             catch (ObjectDisposedException) { return; }
-            try { Slots.Cancel(Handle.DangerousGetHandle()); }
+            try { Slots.CancelModel(Handle.DangerousGetHandle()); }
             finally { if (added) Handle.DangerousRelease(); }
         }
 
@@ -151,14 +159,14 @@ namespace Velmora
         {
             byte[] key = Text.Encode(name, "name");
             IntPtr value = IntPtr.Zero;
-            using (Scope s = Use()) Family.Check("GetConfigProperty", Slots.GetProperty(s.Raw, key, out value));
-            return Text.TakeText(value, Slots.FreeProperty);
+            using (Scope s = Use()) Family.Check("GetConfigProperty", Slots.GetConfigProperty(s.Raw, key, out value));
+            return Text.TakeText(value, Slots.FreeConfigProperty);
         }
 
         internal void SetProperty(string name, string value)
         {
             byte[] key = Text.Encode(name, "name"), text = Text.Encode(value, "value");
-            using (Scope s = Use()) Family.Check("SetConfigProperty", Slots.SetProperty(s.Raw, key, text));
+            using (Scope s = Use()) Family.Check("SetConfigProperty", Slots.SetConfigProperty(s.Raw, key, text));
         }
 
         internal long[] GetIds(string operation, Native.GetListFn getter, Native.ReleaseFn release)

@@ -1,6 +1,7 @@
-// The library's two tables as delegates. Slots are read by index from the
-// table the library exports, so the order here is the header's order.
+// The library's two tables as delegates, filled by slot index from the
+// tables the library exports: the name lists below follow the header's order.
 using System;
+using System.Reflection;
 using System.Runtime.InteropServices;
 
 namespace Velmora
@@ -61,11 +62,6 @@ namespace Velmora
         [UnmanagedFunctionPointer(CallingConvention.Cdecl)]
         internal delegate int SetLanguagesFn(IntPtr handle, LangIdPair[] pairs, UIntPtr count);
 
-        internal static T Slot<T>(IntPtr table, int index) where T : class
-        {
-            return (T)(object)Marshal.GetDelegateForFunctionPointer(Marshal.ReadIntPtr(table, index * IntPtr.Size), typeof(T));
-        }
-
         internal const int RtldNow = 2;
         [DllImport("libdl.so.2")]
         internal static extern IntPtr dlopen(byte[] file, int mode);
@@ -75,27 +71,35 @@ namespace Velmora
         internal static extern IntPtr dlerror();
     }
 
-    /// <summary>The slots both families have, for what the two model classes share.</summary>
-    internal interface ICommonSlots
+    /// <summary>The slots both families have, for what the two model classes share. Fields, read
+    /// at every call: the tests wrap the release slots to count them.</summary>
+    internal abstract class CommonSlots
     {
-        Native.HandleFn Destroy { get; }
-        Native.HandleFn Cancel { get; }
-        Native.GetPropertyFn GetProperty { get; }
-        Native.SetPropertyFn SetProperty { get; }
-        Native.ReleaseFn FreeProperty { get; }
-    }
-
-    // Fields, read at every call: the tests wrap the release slots to count them.
-    internal sealed class LlmApi : ICommonSlots
-    {
-        internal Native.LlmInitFn InitModel;
         internal Native.HandleFn DestroyModel;
-        internal Native.QueryFn QueryModel;
-        internal Native.StreamFn StreamModel;
-        internal Native.ReleaseFn FreeQueryResult;
         internal Native.SetPropertyFn SetConfigProperty;
         internal Native.GetPropertyFn GetConfigProperty;
         internal Native.ReleaseFn FreeConfigProperty;
+        internal Native.HandleFn CancelModel;
+
+        /// <summary>Fills every slot field from the table; <paramref name="order"/> names the fields
+        /// in the table's slot order.</summary>
+        protected CommonSlots(IntPtr table, string[] order)
+        {
+            for (int i = 0; i < order.Length; i++)
+            {
+                FieldInfo field = GetType().GetField(order[i], BindingFlags.Instance | BindingFlags.NonPublic);
+                IntPtr slot = Marshal.ReadIntPtr(table, i * IntPtr.Size);
+                field.SetValue(this, Marshal.GetDelegateForFunctionPointer(slot, field.FieldType));
+            }
+        }
+    }
+
+    internal sealed class LlmApi : CommonSlots
+    {
+        internal Native.LlmInitFn InitModel;
+        internal Native.QueryFn QueryModel;
+        internal Native.StreamFn StreamModel;
+        internal Native.ReleaseFn FreeQueryResult;
         internal Native.SetStringsFn SetStopStrings;
         internal Native.GetListFn GetStopStrings;
         internal Native.FreeStringsFn FreeStopStrings;
@@ -104,47 +108,21 @@ namespace Velmora
         internal Native.ReleaseFn FreeStopTokens;
         internal Native.TokenizeFn Tokenize;
         internal Native.ReleaseFn FreeTokens;
-        internal Native.HandleFn CancelModel;
         internal Native.CompileFn CompileModel;
 
-        public Native.HandleFn Destroy { get { return DestroyModel; } }
-        public Native.HandleFn Cancel { get { return CancelModel; } }
-        public Native.GetPropertyFn GetProperty { get { return GetConfigProperty; } }
-        public Native.SetPropertyFn SetProperty { get { return SetConfigProperty; } }
-        public Native.ReleaseFn FreeProperty { get { return FreeConfigProperty; } }
-
-        internal LlmApi(IntPtr t)
+        internal LlmApi(IntPtr table) : base(table, new[] {
+            "InitModel", "DestroyModel", "QueryModel", "StreamModel", "FreeQueryResult", "SetConfigProperty",
+            "GetConfigProperty", "FreeConfigProperty", "SetStopStrings", "GetStopStrings", "FreeStopStrings",
+            "SetStopTokens", "GetStopTokens", "FreeStopTokens", "Tokenize", "FreeTokens", "CancelModel", "CompileModel" })
         {
-            InitModel = Native.Slot<Native.LlmInitFn>(t, 0);
-            DestroyModel = Native.Slot<Native.HandleFn>(t, 1);
-            QueryModel = Native.Slot<Native.QueryFn>(t, 2);
-            StreamModel = Native.Slot<Native.StreamFn>(t, 3);
-            FreeQueryResult = Native.Slot<Native.ReleaseFn>(t, 4);
-            SetConfigProperty = Native.Slot<Native.SetPropertyFn>(t, 5);
-            GetConfigProperty = Native.Slot<Native.GetPropertyFn>(t, 6);
-            FreeConfigProperty = Native.Slot<Native.ReleaseFn>(t, 7);
-            SetStopStrings = Native.Slot<Native.SetStringsFn>(t, 8);
-            GetStopStrings = Native.Slot<Native.GetListFn>(t, 9);
-            FreeStopStrings = Native.Slot<Native.FreeStringsFn>(t, 10);
-            SetStopTokens = Native.Slot<Native.SetIdsFn>(t, 11);
-            GetStopTokens = Native.Slot<Native.GetListFn>(t, 12);
-            FreeStopTokens = Native.Slot<Native.ReleaseFn>(t, 13);
-            Tokenize = Native.Slot<Native.TokenizeFn>(t, 14);
-            FreeTokens = Native.Slot<Native.ReleaseFn>(t, 15);
-            CancelModel = Native.Slot<Native.HandleFn>(t, 16);
-            CompileModel = Native.Slot<Native.CompileFn>(t, 17);
         }
     }
 
-    internal sealed class WhisperApi : ICommonSlots
+    internal sealed class WhisperApi : CommonSlots
     {
         internal Native.WhisperInitFn InitModel;
-        internal Native.HandleFn DestroyModel;
         internal Native.TranscribeFn QueryModel;
         internal Native.ReleaseFn FreeQueryResult;
-        internal Native.SetPropertyFn SetConfigProperty;
-        internal Native.GetPropertyFn GetConfigProperty;
-        internal Native.ReleaseFn FreeConfigProperty;
         internal Native.GetListFn GetLangToId;
         internal Native.SetLanguagesFn SetLangToId;
         internal Native.ReleaseFn FreeLangToId;
@@ -154,33 +132,13 @@ namespace Velmora
         internal Native.GetListFn GetSuppressTokens;
         internal Native.SetIdsFn SetSuppressTokens;
         internal Native.ReleaseFn FreeSuppressTokens;
-        internal Native.HandleFn CancelModel;
 
-        public Native.HandleFn Destroy { get { return DestroyModel; } }
-        public Native.HandleFn Cancel { get { return CancelModel; } }
-        public Native.GetPropertyFn GetProperty { get { return GetConfigProperty; } }
-        public Native.SetPropertyFn SetProperty { get { return SetConfigProperty; } }
-        public Native.ReleaseFn FreeProperty { get { return FreeConfigProperty; } }
-
-        internal WhisperApi(IntPtr t)
+        internal WhisperApi(IntPtr table) : base(table, new[] {
+            "InitModel", "DestroyModel", "QueryModel", "FreeQueryResult", "SetConfigProperty", "GetConfigProperty",
+            "FreeConfigProperty", "GetLangToId", "SetLangToId", "FreeLangToId", "GetBeginSuppressTokens",
+            "SetBeginSuppressTokens", "FreeBeginSuppressTokens", "GetSuppressTokens", "SetSuppressTokens",
+            "FreeSuppressTokens", "CancelModel" })
         {
-            InitModel = Native.Slot<Native.WhisperInitFn>(t, 0);
-            DestroyModel = Native.Slot<Native.HandleFn>(t, 1);
-            QueryModel = Native.Slot<Native.TranscribeFn>(t, 2);
-            FreeQueryResult = Native.Slot<Native.ReleaseFn>(t, 3);
-            SetConfigProperty = Native.Slot<Native.SetPropertyFn>(t, 4);
-            GetConfigProperty = Native.Slot<Native.GetPropertyFn>(t, 5);
-            FreeConfigProperty = Native.Slot<Native.ReleaseFn>(t, 6);
-            GetLangToId = Native.Slot<Native.GetListFn>(t, 7);
-            SetLangToId = Native.Slot<Native.SetLanguagesFn>(t, 8);
-            FreeLangToId = Native.Slot<Native.ReleaseFn>(t, 9);
-            GetBeginSuppressTokens = Native.Slot<Native.GetListFn>(t, 10);
-            SetBeginSuppressTokens = Native.Slot<Native.SetIdsFn>(t, 11);
-            FreeBeginSuppressTokens = Native.Slot<Native.ReleaseFn>(t, 12);
-            GetSuppressTokens = Native.Slot<Native.GetListFn>(t, 13);
-            SetSuppressTokens = Native.Slot<Native.SetIdsFn>(t, 14);
-            FreeSuppressTokens = Native.Slot<Native.ReleaseFn>(t, 15);
-            CancelModel = Native.Slot<Native.HandleFn>(t, 16);
         }
     }
 }

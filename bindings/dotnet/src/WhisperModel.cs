@@ -18,17 +18,10 @@ namespace Velmora
             byte[] path = Text.Encode(modelDir, "modelDir");
             api = Library.Whisper;
             core = new ModelCore(Family.Whisper, api, "WhisperModel");
-            core.Init(callbacks =>
-            {
-                IntPtr handle;
-                Family.Begin();
-                Family.Check("InitModel", api.InitModel(path, (int)device, out handle, ref callbacks));
-                return handle;
-            });
-            Settings = new Settings(core);
+            core.Init((ref HostCallbacks callbacks, out IntPtr handle) => api.InitModel(path, (int)device, out handle, ref callbacks));
         }
 
-        public Settings Settings { get; private set; }
+        public Settings Settings { get { return core.Settings; } }
 
         /// <summary>The text of 16 kHz mono samples in [-1, 1]. Cancelling the token (or
         /// <see cref="Cancel"/>) ends it early with the text so far.</summary>
