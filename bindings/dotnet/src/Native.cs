@@ -71,6 +71,9 @@ namespace Velmora
         internal static extern IntPtr dlerror();
     }
 
+    // The slot fields are assigned by reflection, which the compiler does not see.
+#pragma warning disable 649
+
     /// <summary>The slots both families have, for what the two model classes share. Fields, read
     /// at every call: the tests wrap the release slots to count them.</summary>
     internal abstract class CommonSlots
@@ -141,4 +144,5 @@ namespace Velmora
         {
         }
     }
+#pragma warning restore 649
 }
