@@ -3,6 +3,7 @@ using System.Collections.Generic;
 using System.IO;
 using System.Linq;
 using System.Runtime.CompilerServices;
+using System.Runtime.InteropServices;
 using System.Text;
 using System.Threading;
 using Velmora;
@@ -62,6 +63,22 @@ static class LlmTests
             Check.That(pieces.Count > 4, "several pieces");
             Check.Equal(text, string.Concat(pieces), "stream text");
             Check.Equal(1, releases.Count("FreeQueryResult"), "texts released");
+
+            // A character split between two pieces arrives whole.
+            Native.StreamFn real = Library.Llm.StreamModel;
+            Library.Llm.StreamModel = (handle, prompt, onText) =>
+            {
+                foreach (byte[] piece in new[] { new byte[] { 0x63, 0xc3, 0 }, new byte[] { 0xa9, 0x21, 0 } })
+                {
+                    IntPtr copy = Marshal.AllocHGlobal(piece.Length);
+                    Marshal.Copy(piece, 0, copy, piece.Length);
+                    onText(copy);
+                    Marshal.FreeHGlobal(copy);
+                }
+                return 0;
+            };
+            try { Check.Sequence(new[] { "c", "é!" }, model.Stream(Prompt), "split character"); }
+            finally { Library.Llm.StreamModel = real; }
         }
     }
 
@@ -216,7 +233,7 @@ static class LlmTests
             UIntPtr count;
             using (var raw = new LlmModelRaw(model)) Check.Equal(0, Library.Llm.Tokenize(raw.Handle, bytes, out ids, out count), "raw tokenize");
             long[] expected = new long[(int)count];
-            System.Runtime.InteropServices.Marshal.Copy(ids, expected, 0, expected.Length);
+            Marshal.Copy(ids, expected, 0, expected.Length);
             Library.Llm.FreeTokens(ids);
             Check.Sequence(expected, model.Tokenize("café ✓"), "tokenize");
             Check.Equal(0, model.Tokenize("").Length, "empty");
