@@ -76,28 +76,21 @@ sealed class Releases : IDisposable
 
     public Releases()
     {
-        LlmApi l = Library.Llm;
-        WhisperApi w = Library.Whisper;
-        Native.ReleaseFn a = l.FreeQueryResult, b = l.FreeConfigProperty, c = l.FreeStopTokens, d = l.FreeTokens;
-        Native.FreeStringsFn e = l.FreeStopStrings;
-        Native.HandleFn f = l.DestroyModel, g = w.DestroyModel;
-        Native.ReleaseFn h = w.FreeQueryResult, i = w.FreeLangToId, j = w.FreeSuppressTokens;
-        l.FreeQueryResult = p => Note("FreeQueryResult", a(p));
-        l.FreeConfigProperty = p => Note("FreeConfigProperty", b(p));
-        l.FreeStopTokens = p => Note("FreeStopTokens", c(p));
-        l.FreeTokens = p => Note("FreeTokens", d(p));
-        l.FreeStopStrings = (p, n) => Note("FreeStopStrings " + n, e(p, n));
-        l.DestroyModel = p => Note("DestroyModel", f(p));
-        w.DestroyModel = p => Note("DestroyModel", g(p));
-        w.FreeQueryResult = p => Note("FreeQueryResult", h(p));
-        w.FreeLangToId = p => Note("FreeLangToId", i(p));
-        w.FreeSuppressTokens = p => Note("FreeSuppressTokens", j(p));
-        restore.Add(() =>
+        foreach (object api in new object[] { Library.Llm, Library.Whisper })
         {
-            l.FreeQueryResult = a; l.FreeConfigProperty = b; l.FreeStopTokens = c; l.FreeTokens = d;
-            l.FreeStopStrings = e; l.DestroyModel = f; w.DestroyModel = g; w.FreeQueryResult = h;
-            w.FreeLangToId = i; w.FreeSuppressTokens = j;
-        });
+            foreach (FieldInfo field in api.GetType().GetFields(BindingFlags.Instance | BindingFlags.NonPublic))
+            {
+                string name = field.Name;
+                object real = field.GetValue(api);
+                Delegate counting;
+                if (real is Native.ReleaseFn) counting = (Native.ReleaseFn)(p => Note(name, ((Native.ReleaseFn)real)(p)));
+                else if (real is Native.FreeStringsFn) counting = (Native.FreeStringsFn)((p, n) => Note(name + " " + n, ((Native.FreeStringsFn)real)(p, n)));
+                else if (name == "DestroyModel") counting = (Native.HandleFn)(p => Note(name, ((Native.HandleFn)real)(p)));
+                else continue;
+                field.SetValue(api, counting);
+                restore.Add(() => field.SetValue(api, real));
+            }
+        }
     }
 
     int Note(string call, int status)
