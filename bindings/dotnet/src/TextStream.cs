@@ -157,8 +157,9 @@ namespace Velmora
             if (run == null)
             {
                 if (token.IsCancellationRequested) { finished = true; return false; }
-                run = new StreamRun(core, api, prompt);
-                run.Start();
+                var starting = new StreamRun(core, api, prompt);
+                starting.Start();  // may throw: then there is no run to stop
+                run = starting;
                 registration = token.Register(run.Stop);
             }
             byte[] piece;
