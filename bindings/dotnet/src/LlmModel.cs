@@ -1,0 +1,135 @@
+// Text generation.
+using System;
+using System.Collections.Generic;
+using System.Runtime.InteropServices;
+using System.Threading;
+
+namespace Velmora
+{
+    /// <summary>A text-generation model loaded from a model directory. Calls on one model run one at a
+    /// time (others wait); distinct models may run on distinct threads at once.</summary>
+    public sealed class LlmModel : IDisposable
+    {
+        readonly LlmApi api;
+        readonly ModelCore core;
+
+        /// <param name="contextLength">Becomes the default max_new_tokens (and, on the NPU, the longest prompt).</param>
+        public LlmModel(string modelDir, Device device = Device.Cpu, int contextLength = 256)
+        {
+            byte[] path = Text.Encode(modelDir, "modelDir");
+            api = Library.Llm;
+            core = new ModelCore(Family.Llm, api, "LlmModel");
+            core.Init((ref HostCallbacks callbacks, out IntPtr handle) => api.InitModel(path, (int)device, contextLength, out handle, ref callbacks));
+        }
+
+        public Settings Settings { get { return core.Settings; } }
+
+        /// <summary>The generated text. A <see cref="Cancel"/> from another thread ends it early with the
+        /// text so far. Status 2/3 means the settings failed validation, 4/5 the generation failed.</summary>
+        public string Generate(string prompt)
+        {
+            byte[] data = Text.Encode(prompt, "prompt");
+            IntPtr text = IntPtr.Zero;
+            using (ModelCore.Scope s = core.Use()) Family.Check("QueryModel", api.QueryModel(s.Raw, data, out text));
+            return Text.TakeText(text, api.FreeQueryResult);
+        }
+
+        /// <summary>The pieces of the generation as they arrive, generated on a worker thread. Leaving the
+        /// loop early, disposing the enumerator or cancelling the token stops the generation and waits for
+        /// it to end; a cancelled token ends the sequence after the pieces so far. Each enumeration
+        /// generates anew.</summary>
+        public IEnumerable<string> Stream(string prompt, CancellationToken cancellationToken = default(CancellationToken))
+        {
+            byte[] data = Text.Encode(prompt, "prompt");
+            core.ThrowIfDisposed();
+            return new TextStream(core, api, data, cancellationToken);
+        }
+
+        /// <summary>Asks a running generation of this model to stop. Any thread; never blocks; does
+        /// nothing on a disposed model. A cancel while nothing runs is forgotten.</summary>
+        public void Cancel() { core.Cancel(); }
+
+        public long[] Tokenize(string text)
+        {
+            byte[] data = Text.Encode(text, "text");
+            IntPtr ids = IntPtr.Zero;
+            UIntPtr count = UIntPtr.Zero;
+            using (ModelCore.Scope s = core.Use()) Family.Check("Tokenize", api.Tokenize(s.Raw, data, out ids, out count));
+            return Text.TakeIds(ids, count, api.FreeTokens);
+        }
+
+        /// <summary>The stop strings in byte order (the library keeps a sorted set).</summary>
+        public string[] StopStrings
+        {
+            get
+            {
+                IntPtr array = IntPtr.Zero;
+                UIntPtr count = UIntPtr.Zero;
+                using (ModelCore.Scope s = core.Use()) Family.Check("GetStopStrings", api.GetStopStrings(s.Raw, out array, out count));
+                if (count == UIntPtr.Zero) return new string[0];
+                try
+                {
+                    var strings = new string[checked((int)count.ToUInt64())];
+                    for (int i = 0; i < strings.Length; i++) strings[i] = Text.Decode(Marshal.ReadIntPtr(array, i * IntPtr.Size));
+                    return strings;
+                }
+                finally { api.FreeStopStrings(array, count); }
+            }
+            set
+            {
+                if (value == null) throw new ArgumentNullException("value");
+                IntPtr[] strings = Text.Allocate(value, "value");
+                try
+                {
+                    using (ModelCore.Scope s = core.Use())
+                        Family.Check("SetStopStrings", api.SetStopStrings(s.Raw, strings, (UIntPtr)strings.Length));
+                }
+                finally { Text.FreeAll(strings); }
+            }
+        }
+
+        /// <summary>The stop token ids in ascending order (a sorted set).</summary>
+        public long[] StopTokenIds
+        {
+            get { return core.GetIds("GetStopTokens", api.GetStopTokens, api.FreeStopTokens); }
+            set { core.SetIds("SetStopTokens", api.SetStopTokens, value); }
+        }
+
+        /// <summary>For the NPU, compiles the model into a ".blob" beside its files; for CPU and GPU,
+        /// builds and drops a pipeline. Needs no model.</summary>
+        public static void Compile(string modelDir, Device device, int contextLength)
+        {
+            byte[] path = Text.Encode(modelDir, "modelDir");
+            LlmApi api = Library.Llm;
+            Family family = Family.Llm;
+            // The library reports CompileModel through the last LLM InitModel's pair and has none
+            // before the first: an InitModel refused at once (context length 0) stores ours.
+            if (!family.Initialised)
+            {
+                family.Lock.EnterWriteLock();
+                try
+                {
+                    if (!family.Initialised)
+                    {
+                        IntPtr handle;
+                        HostCallbacks callbacks = family.Callbacks;
+                        if (api.InitModel(new byte[] { 0 }, 0, 0, out handle, ref callbacks) == 0) api.DestroyModel(handle);
+                        family.Initialised = true;
+                    }
+                }
+                finally { family.Lock.ExitWriteLock(); }
+            }
+            family.Lock.EnterReadLock();
+            try
+            {
+                Family.Begin();
+                Family.Check("CompileModel", api.CompileModel(path, (int)device, contextLength));
+            }
+            finally { family.Lock.ExitReadLock(); }
+        }
+
+        /// <summary>Ends the model (once; later calls do nothing). A running stream is stopped; the
+        /// model itself is destroyed when its last running call returns.</summary>
+        public void Dispose() { core.Dispose(); }
+    }
+}
