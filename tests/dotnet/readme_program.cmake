@@ -17,6 +17,8 @@ file(MAKE_DIRECTORY ${WORK}/bin ${WORK}/lib)
 file(WRITE ${WORK}/Program.cs "${program}")
 file(COPY ${DLL} DESTINATION ${WORK}/bin)
 file(CREATE_LINK ${LIBRARY} ${WORK}/lib/Tarvik.Velmora.Framework.OpenVINOBindings.so SYMBOLIC)
+get_filename_component(built ${LIBRARY} DIRECTORY)
+file(CREATE_LINK ${built}/velmora-runtime ${WORK}/lib/velmora-runtime SYMBOLIC)
 execute_process(COMMAND ${MCS} -nologo -warnaserror -r:${WORK}/bin/Velmora.dll -out:${WORK}/bin/Example.exe ${WORK}/Program.cs
                 RESULT_VARIABLE failed)
 if(failed)
