@@ -7,7 +7,7 @@
 #include "interrupt.h"
 #include "progress.h"
 #include "report.h"
-#include "settings.h"
+#include "llm/llm_settings.h"
 #include "stats.h"
 
 namespace cli {
@@ -77,7 +77,7 @@ int RunGenerate(const Options& options, Library& library) {
 
     const LlmModel model = Load(api, options);
     if (model.get() == nullptr || !ApplyLlmOptions(api, model.get(), options)) return kFailed;
-    if (options.listSettings) return ListSettings(api, model.get(), kLlmSettings), kOk;
+    if (options.listSettings) return ListSettings(api, model.get(), velmora::llm::kSettings), kOk;
 
     std::fputs(prompt.c_str(), stdout);
     std::fflush(stdout);

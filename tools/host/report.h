@@ -35,11 +35,14 @@ bool ApplySettings(const Api& api, void* handle, const std::vector<std::pair<std
     return true;
 }
 
-// Prints each setting of `names` with its current value, one "name=value" a
-// line; an optional setting that holds nothing prints as "name (not set)".
-template <typename Api, size_t N>
-void ListSettings(const Api& api, void* handle, const char* const (&names)[N]) {
-    for (const char* name : names) {
+// Prints each setting of a family's table (the library's own) with its current
+// value, one "name=value" a line; an optional setting that holds nothing
+// prints as "name (not set)".
+template <typename Api, typename Row, size_t N>
+void ListSettings(const Api& api, void* handle, const Row (&rows)[N]) {
+    for (const Row& row : rows) {
+        if (!row.byName) continue;  // reached through their own list slots
+        const char* name = row.name;
         char* value = nullptr;
         if (api.GetConfigProperty(handle, name, &value) != 0) {
             Library::TakeError();

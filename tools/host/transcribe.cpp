@@ -9,7 +9,7 @@
 #include "interrupt.h"
 #include "progress.h"
 #include "report.h"
-#include "settings.h"
+#include "whisper/whisper_settings.h"
 #include "stats.h"
 
 namespace cli {
@@ -31,7 +31,7 @@ int RunTranscribe(const Options& options, Library& library) {
     });
     void* const handle = model.get();
     if (handle == nullptr || !ApplySettings(api, handle, options.settings)) return kFailed;
-    if (options.listSettings) return ListSettings(api, handle, kWhisperSettings), kOk;
+    if (options.listSettings) return ListSettings(api, handle, velmora::whisper::kSettings), kOk;
 
     char* text = nullptr;
     CancelOnInterrupt cancel([&api, handle] { api.CancelModel(handle); });
