@@ -41,8 +41,6 @@ def test_a_stream_left_early_never_holds_the_model(llm):
     next(kept)
     llm.config["max_new_tokens"] = 12
     assert not stream_threads() and list(kept) == []
-    # A cancel left behind is forgotten by the next generation.
-    assert len(llm.tokenize(llm.generate(PROMPT))) >= 10
     assert time.monotonic() - start < 20
 
 
