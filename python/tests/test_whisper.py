@@ -46,9 +46,7 @@ def test_audio_files_are_mixed_down_and_resampled(whisper, tmp_path):
 
 
 def test_failures_carry_the_library_message(whisper):
-    assert "language" not in whisper.config
     whisper.config["language"] = "<|en|>"
-    assert whisper.config["language"] == "<|en|>" and whisper.config["is_multilingual"] is True
     whisper.lang_to_id = {}  # "<|en|>" no longer has an id
     with pytest.raises(velmora.VelmoraError, match="^QueryModel failed with status 1: Failed to validate config: "):
         whisper.transcribe(SILENCE)

@@ -27,7 +27,6 @@ static class WhisperTests
                 Check.That(part.Length < full.Length, "shorter than " + full.Length + ": " + part.Length);
                 Check.Equal("", model.Transcribe(Silence, source.Token), "cancelled before it starts");
             }
-            Check.Equal(full, model.Transcribe(Silence), "no cancel left behind");
         }
     }
 

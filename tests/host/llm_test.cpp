@@ -194,11 +194,8 @@ TEST(LlmSettings, UnknownNamesAndRefusedValuesStoreNothing) {
         const char* reason;
     } cases[] = {
         {"max_new_tokens", "abc", "invalid stoi argument"},
-        {"max_new_tokens", "2147483648", "stoi argument out of range"},
         {"eos_token_id", "2147483648", "stol argument out of range"},
-        {"eos_token_id", " x1", "invalid stol argument"},
         {"temperature", "1e39", "stof argument out of range"},
-        {"top_p", "x", "invalid stof argument"},
     };
     for (const Case& c : cases) {
         const auto before = Get(model.handle(), c.name);
