@@ -33,7 +33,8 @@ int FindForeignLibpython(dl_phdr_info* info, size_t, void* found) {
     constexpr const char* prefix = "libpython";
     if (name.rfind(prefix, 0) != 0) return 0;
     const std::string version = MajorMinor(name, std::char_traits<char>::length(prefix));
-    if (version == kEmbedded) return 0;
+    // libpython3.so, the stable-ABI shim, names no minor version.
+    if (version == kEmbedded || version.back() == '.') return 0;
     *static_cast<std::string*>(found) = version;
     return 1;
 }
