@@ -28,19 +28,6 @@ std::pair<int32_t, std::string> Get(void* handle, const char* name) {
     return host::TextOf(Pair::A, [&](char** out) { return Llm().GetConfigProperty(handle, name, out); });
 }
 
-std::vector<std::string> StopStrings(void* handle) {
-    char** strings = host::Untouched<char*>();
-    size_t count = 99;
-    EXPECT_EQ(Llm().GetStopStrings(handle, &strings, &count), 0);
-    if (count == 0) {
-        EXPECT_EQ(strings, host::Untouched<char*>());
-        return {};
-    }
-    std::vector<std::string> result(strings, strings + count);
-    EXPECT_EQ(Llm().FreeStopStrings(strings, count), 0);
-    return result;
-}
-
 // Runs a snippet in the runtime's own Python environment and returns what it
 // printed; arguments go as hex so no text needs quoting.
 std::string RunPython(const std::string& script, const std::vector<std::string>& args) {
@@ -231,21 +218,6 @@ TEST(LlmSettings, StoredCombinationsTheRuntimeRejectsFailTheNextQuery) {
     EXPECT_TRUE(StartsWith(result, "Failed to validate config: Check '!ignore_eos || ")) << result;
     ASSERT_EQ(model.Set("max_new_tokens", "2").first, 0);
     EXPECT_EQ(model.Query("Hello", result), 0) << result;
-}
-
-TEST(LlmStopLists, AreSortedSetsReplacedWholeAndCopiedOut) {
-    LlmModel model(host::ModelDir("tiny-llm"), 8);
-    // Bytes from 0x80 on sort after ASCII, as unsigned.
-    const char* strings[] = {"b", "a", "b", "", "\xc3\xa9", "z"};
-    ASSERT_EQ(Llm().SetStopStrings(model.handle(), strings, 6), 0);
-    EXPECT_EQ(StopStrings(model.handle()), (std::vector<std::string>{"", "a", "b", "z", "\xc3\xa9"}));
-    const int64_t ids[] = {5, -1, 5, 3};
-    ASSERT_EQ(Llm().SetStopTokens(model.handle(), ids, 4), 0);
-    EXPECT_EQ(host::Ids(Llm().GetStopTokens, model.handle()), (std::vector<int64_t>{-1, 3, 5}));
-    ASSERT_EQ(Llm().SetStopStrings(model.handle(), nullptr, 0), 0);
-    ASSERT_EQ(Llm().SetStopTokens(model.handle(), nullptr, 0), 0);
-    EXPECT_TRUE(StopStrings(model.handle()).empty());
-    EXPECT_TRUE(host::Ids(Llm().GetStopTokens, model.handle()).empty());
 }
 
 TEST(LlmStopLists, AStopStringOrTokenFromTheOutputEndsGenerationThere) {
