@@ -77,7 +77,7 @@ TEST(LlmInit, ReportsTheFirstFailingCheckInOrder) {
     EXPECT_EQ(LlmInitError(dir.path(), 2, 16), "The provided cache dreictory does not contain an expected blob file");
     // With a blob below, the NPU passes every check of ours and fails in the
     // runtime, as this machine has none.
-    const fs::path variant = host::ModelVariant(dir, "tiny-llm", "{}");
+    const fs::path variant = host::ModelVariant(dir, "tiny-llm");
     dir.Touch(fs::path("tiny-llm") / "nested" / "model.blob");
     EXPECT_TRUE(host::Contains(LlmInitError(variant, 2, 16), "Exception from"));
 }
@@ -282,7 +282,7 @@ TEST(LlmTokenize, GivesTheRuntimeTokenizersIdsAndLeavesGenerationAlone) {
 
 TEST(LlmCompile, RefusesBadArgumentsBeforeTheRuntimeSeesThem) {
     host::TempDir dir;
-    const fs::path model = host::ModelVariant(dir, "tiny-llm", "{}");
+    const fs::path model = host::ModelVariant(dir, "tiny-llm");
     EXPECT_EQ(Compile(model, 3, 0), std::make_pair(1, kCompilePrefix + "The context length must be greater than 0"));
     EXPECT_EQ(Compile(model, 3, 16), std::make_pair(1, kCompilePrefix + "3device type is not supported"));
 
@@ -299,7 +299,7 @@ TEST(LlmCompile, RefusesBadArgumentsBeforeTheRuntimeSeesThem) {
 // compile ignores the blob and adds nothing.
 TEST(LlmCompile, TheNpuRefusesADirectoryTheRuntimeAlreadyCachedInto) {
     host::TempDir dir;
-    const fs::path model = host::ModelVariant(dir, "tiny-llm", "{}");
+    const fs::path model = host::ModelVariant(dir, "tiny-llm");
     RunPython("import sys, openvino_genai as g; d = bytes.fromhex(sys.argv[1]).decode(); "
               "g.LLMPipeline(d, \"CPU\", CACHE_DIR=d)",
               {model.string()});
