@@ -24,19 +24,6 @@ using host::WhisperModel;
 
 namespace {
 
-// A copy of a model directory without the files named in `drop`.
-fs::path CopyWithout(const host::TempDir& dir, const std::string& model, const std::vector<std::string>& drop,
-                     const std::string& name) {
-    const fs::path target = dir.path() / name;
-    fs::create_directories(target);
-    for (const fs::directory_entry& entry : fs::directory_iterator(host::ModelDir(model))) {
-        bool dropped = false;
-        for (const std::string& file : drop) dropped |= entry.path().filename() == file;
-        if (!dropped) fs::copy_file(entry.path(), target / entry.path().filename());
-    }
-    return target;
-}
-
 int piecesSeen = 0;
 int CountPiece(char*) {
     ++piecesSeen;
@@ -67,7 +54,7 @@ private:
 
 TEST(LlmFaults, AnUnreadableDirectoryIsReportedAsSuch) {
     host::TempDir dir;
-    const fs::path model = CopyWithout(dir, "tiny-llm", {}, "model");
+    const fs::path model = host::ModelVariant(dir, "tiny-llm");
     // A directory whose parent may not be searched cannot even be looked at.
     fs::permissions(dir.path(), fs::perms::none);
     std::string message;
@@ -87,7 +74,7 @@ TEST(LlmFaults, AnUnreadableDirectoryIsReportedAsSuch) {
 // thread used to throw past its own frames and end the whole process.
 TEST(LlmFaults, AMissingTokenizerFailsEachUseAndNotTheProcess) {
     host::TempDir dir;
-    LlmModel noTokenizer(CopyWithout(dir, "tiny-llm", {"openvino_tokenizer.xml", "openvino_tokenizer.bin"}, "a"), 8);
+    LlmModel noTokenizer(host::ModelVariant(dir, "tiny-llm", "{}", "tokenizer"), 8);
     std::string message;
     EXPECT_EQ(noTokenizer.Query("Hello", message), 4);
     EXPECT_TRUE(Contains(message, "An OpenVINO assertion occurred while querying the model: Check "));
@@ -99,7 +86,7 @@ TEST(LlmFaults, AMissingTokenizerFailsEachUseAndNotTheProcess) {
     EXPECT_TRUE(Contains(text, "Tokenizer::encode is not available")) << text;
 
     LlmModel noDetokenizer(
-        CopyWithout(dir, "tiny-llm", {"openvino_detokenizer.xml", "openvino_detokenizer.bin"}, "b"), 8);
+        host::ModelVariant(dir, "tiny-llm", "{}", "detokenizer"), 8);
     EXPECT_EQ(noDetokenizer.Query("Hello", message), 4);
     const std::string reason = "Detokenizer model has not been provided";
     EXPECT_TRUE(Contains(message, "An OpenVINO assertion occurred while querying the model: Check ")) << message;
@@ -145,12 +132,12 @@ TEST(WhisperFaults, AMissingDetokenizerFailsEachTranscription) {
     const std::vector<float> audio = host::Tone(16000);
     std::string result;
     WhisperModel noDetokenizer(
-        CopyWithout(dir, "tiny-whisper", {"openvino_detokenizer.xml", "openvino_detokenizer.bin"}, "c"), 4);
+        host::ModelVariant(dir, "tiny-whisper", "{}", "detokenizer"), 4);
     EXPECT_EQ(noDetokenizer.Transcribe(audio, result), 1);
     EXPECT_TRUE(Contains(result, "Detokenizer model has not been provided")) << result;
     // Transcription decodes only, so the tokenizer itself is not needed.
     WhisperModel noTokenizer(
-        CopyWithout(dir, "tiny-whisper", {"openvino_tokenizer.xml", "openvino_tokenizer.bin"}, "d"), 4);
+        host::ModelVariant(dir, "tiny-whisper", "{}", "tokenizer"), 4);
     EXPECT_EQ(noTokenizer.Transcribe(audio, result), 0) << result;
 }
 

@@ -122,12 +122,12 @@ fs::path ModelDir(const std::string& name) {
     return dir;
 }
 
-fs::path ModelVariant(const TempDir& dir, const std::string& model, const std::string& json) {
+fs::path ModelVariant(const TempDir& dir, const std::string& model, const std::string& json, const std::string& without) {
     const fs::path source = ModelDir(model);
-    const fs::path target = dir.path() / model;
+    const fs::path target = dir.path() / (without.empty() ? model : model + "-without-" + without);
     fs::create_directories(target);
     for (const fs::directory_entry& entry : fs::directory_iterator(source))
-        if (entry.path().filename() != "generation_config.json")
+        if (entry.path().filename() != "generation_config.json" && entry.path().stem() != "openvino_" + without)
             fs::create_symlink(entry.path(), target / entry.path().filename());
     // Merged with Python's json, which the runtime's own environment has anyway.
     std::ostringstream command;

@@ -71,8 +71,10 @@ std::string WhisperInitError(const std::filesystem::path& dir, int device = DEVI
 // Model directories made by tools/make_llm_fixtures.py.
 std::filesystem::path ModelDir(const std::string& name);
 // A copy of a model directory (model files linked, not copied) whose
-// generation_config.json gets `json` merged over it.
-std::filesystem::path ModelVariant(const TempDir& dir, const std::string& model, const std::string& json);
+// generation_config.json gets `json` merged over it; `without` names a part
+// ("tokenizer", "detokenizer") whose openvino_<part>.xml/.bin are left out.
+std::filesystem::path ModelVariant(const TempDir& dir, const std::string& model, const std::string& json = "{}",
+                                   const std::string& without = "");
 
 bool StartsWith(const std::string& text, const std::string& prefix);
 bool Contains(const std::string& text, const std::string& part);

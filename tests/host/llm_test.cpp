@@ -28,19 +28,6 @@ std::pair<int32_t, std::string> Get(void* handle, const char* name) {
     return host::TextOf(Pair::A, [&](char** out) { return Llm().GetConfigProperty(handle, name, out); });
 }
 
-std::vector<std::string> StopStrings(void* handle) {
-    char** strings = host::Untouched<char*>();
-    size_t count = 99;
-    EXPECT_EQ(Llm().GetStopStrings(handle, &strings, &count), 0);
-    if (count == 0) {
-        EXPECT_EQ(strings, host::Untouched<char*>());
-        return {};
-    }
-    std::vector<std::string> result(strings, strings + count);
-    EXPECT_EQ(Llm().FreeStopStrings(strings, count), 0);
-    return result;
-}
-
 // Runs a snippet in the runtime's own Python environment and returns what it
 // printed; arguments go as hex so no text needs quoting.
 std::string RunPython(const std::string& script, const std::vector<std::string>& args) {
@@ -90,7 +77,7 @@ TEST(LlmInit, ReportsTheFirstFailingCheckInOrder) {
     EXPECT_EQ(LlmInitError(dir.path(), 2, 16), "The provided cache dreictory does not contain an expected blob file");
     // With a blob below, the NPU passes every check of ours and fails in the
     // runtime, as this machine has none.
-    const fs::path variant = host::ModelVariant(dir, "tiny-llm", "{}");
+    const fs::path variant = host::ModelVariant(dir, "tiny-llm");
     dir.Touch(fs::path("tiny-llm") / "nested" / "model.blob");
     EXPECT_TRUE(host::Contains(LlmInitError(variant, 2, 16), "Exception from"));
 }
@@ -233,21 +220,6 @@ TEST(LlmSettings, StoredCombinationsTheRuntimeRejectsFailTheNextQuery) {
     EXPECT_EQ(model.Query("Hello", result), 0) << result;
 }
 
-TEST(LlmStopLists, AreSortedSetsReplacedWholeAndCopiedOut) {
-    LlmModel model(host::ModelDir("tiny-llm"), 8);
-    // Bytes from 0x80 on sort after ASCII, as unsigned.
-    const char* strings[] = {"b", "a", "b", "", "\xc3\xa9", "z"};
-    ASSERT_EQ(Llm().SetStopStrings(model.handle(), strings, 6), 0);
-    EXPECT_EQ(StopStrings(model.handle()), (std::vector<std::string>{"", "a", "b", "z", "\xc3\xa9"}));
-    const int64_t ids[] = {5, -1, 5, 3};
-    ASSERT_EQ(Llm().SetStopTokens(model.handle(), ids, 4), 0);
-    EXPECT_EQ(host::Ids(Llm().GetStopTokens, model.handle()), (std::vector<int64_t>{-1, 3, 5}));
-    ASSERT_EQ(Llm().SetStopStrings(model.handle(), nullptr, 0), 0);
-    ASSERT_EQ(Llm().SetStopTokens(model.handle(), nullptr, 0), 0);
-    EXPECT_TRUE(StopStrings(model.handle()).empty());
-    EXPECT_TRUE(host::Ids(Llm().GetStopTokens, model.handle()).empty());
-}
-
 TEST(LlmStopLists, AStopStringOrTokenFromTheOutputEndsGenerationThere) {
     LlmModel model(host::ModelDir("tiny-llm"), 24);
     std::string full, stopped;
@@ -310,7 +282,7 @@ TEST(LlmTokenize, GivesTheRuntimeTokenizersIdsAndLeavesGenerationAlone) {
 
 TEST(LlmCompile, RefusesBadArgumentsBeforeTheRuntimeSeesThem) {
     host::TempDir dir;
-    const fs::path model = host::ModelVariant(dir, "tiny-llm", "{}");
+    const fs::path model = host::ModelVariant(dir, "tiny-llm");
     EXPECT_EQ(Compile(model, 3, 0), std::make_pair(1, kCompilePrefix + "The context length must be greater than 0"));
     EXPECT_EQ(Compile(model, 3, 16), std::make_pair(1, kCompilePrefix + "3device type is not supported"));
 
@@ -327,7 +299,7 @@ TEST(LlmCompile, RefusesBadArgumentsBeforeTheRuntimeSeesThem) {
 // compile ignores the blob and adds nothing.
 TEST(LlmCompile, TheNpuRefusesADirectoryTheRuntimeAlreadyCachedInto) {
     host::TempDir dir;
-    const fs::path model = host::ModelVariant(dir, "tiny-llm", "{}");
+    const fs::path model = host::ModelVariant(dir, "tiny-llm");
     RunPython("import sys, openvino_genai as g; d = bytes.fromhex(sys.argv[1]).decode(); "
               "g.LLMPipeline(d, \"CPU\", CACHE_DIR=d)",
               {model.string()});

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cctype>
 #include <cstdlib>
 #include <fstream>
@@ -15,27 +14,6 @@ using host::Pair;
 using host::Reported;
 using host::Whisper;
 using host::WhisperModel;
-
-namespace {
-
-std::vector<std::pair<std::string, int64_t>> LangToId(void* handle) {
-    LangIdPair* pairs = host::Untouched<LangIdPair>();
-    size_t count = 99;
-    EXPECT_EQ(Whisper().GetLangToId(handle, &pairs, &count), 0);
-    std::vector<std::pair<std::string, int64_t>> map;
-    if (count == 0) {
-        EXPECT_EQ(pairs, host::Untouched<LangIdPair>());
-        return map;
-    }
-    for (size_t i = 0; i < count; ++i) {
-        map.emplace_back(pairs[i].language, pairs[i].id);
-        Whisper().FreeQueryResult(pairs[i].language);
-    }
-    EXPECT_EQ(Whisper().FreeLangToId(pairs), 0);
-    return map;
-}
-
-}  // namespace
 
 TEST(WhisperInit, JudgesTheDeviceFirstAndLeavesTheDirectoryToTheRuntime) {
     EXPECT_EQ(host::WhisperInitError("/nonexistent", 3), "3device type is not supported");
@@ -113,39 +91,24 @@ TEST(WhisperSettings, RoundTripsAndMessages) {
     }
 }
 
-TEST(WhisperLists, LanguageMapIsOrderedByBytesAndKeepsTheFirstId) {
-    WhisperModel model(host::ModelDir("tiny-whisper"));
-    const auto loaded = LangToId(model.handle());
-    ASSERT_EQ(loaded.size(), 99u);  // the multilingual vocabulary
-    EXPECT_TRUE(std::is_sorted(loaded.begin(), loaded.end()));
-
-    char b[] = "b", a[] = "a", upper[] = "A", empty[] = "", repeated[] = "x";
-    const LangIdPair pairs[] = {{b, 2}, {a, 1}, {repeated, 7}, {upper, 3}, {repeated, 9}, {empty, 4}};
-    ASSERT_EQ(Whisper().SetLangToId(model.handle(), pairs, 6), 0);
-    const std::vector<std::pair<std::string, int64_t>> expected = {
-        {"", 4}, {"A", 3}, {"a", 1}, {"b", 2}, {"x", 7}};
-    EXPECT_EQ(LangToId(model.handle()), expected);
-
-    ASSERT_EQ(Whisper().SetLangToId(model.handle(), nullptr, 0), 0);
-    EXPECT_TRUE(LangToId(model.handle()).empty());
-}
-
-TEST(WhisperLists, SuppressionListsKeepOrderAndDuplicatesAndStayApart) {
+// How the lists behave is the fuzzer's; here they come from the model and go to the runtime.
+TEST(WhisperLists, ComeFromTheModelAndStayApart) {
     WhisperModel model(host::ModelDir("tiny-whisper"), 4);
     const WhisperApiBase& api = Whisper();
     void* const h = model.handle();
+    LangIdPair* pairs = nullptr;
+    size_t count = 0;
+    ASSERT_EQ(api.GetLangToId(h, &pairs, &count), 0);
+    EXPECT_EQ(count, 99u);  // the multilingual vocabulary
+    for (size_t i = 0; i < count; ++i) api.FreeQueryResult(pairs[i].language);
+    EXPECT_EQ(api.FreeLangToId(pairs), 0);
     EXPECT_EQ(host::Ids(api.GetBeginSuppressTokens, h), (std::vector<int64_t>{220, 50257}));
     EXPECT_EQ(host::Ids(api.GetSuppressTokens, h).size(), 88u);
 
+    // The runtime takes the replaced lists.
     const int64_t ids[] = {5, 5, 3};
     ASSERT_EQ(api.SetSuppressTokens(h, ids, 3), 0);
-    EXPECT_EQ(host::Ids(api.GetSuppressTokens, h), (std::vector<int64_t>{5, 5, 3}));
-    EXPECT_EQ(host::Ids(api.GetBeginSuppressTokens, h), (std::vector<int64_t>{220, 50257}));
-
     ASSERT_EQ(api.SetBeginSuppressTokens(h, nullptr, 0), 0);
-    EXPECT_TRUE(host::Ids(api.GetBeginSuppressTokens, h).empty());
-
-    // The runtime takes the replaced lists.
     std::string text;
     EXPECT_EQ(model.Transcribe(host::Tone(16000), text), 0) << text;
 }

@@ -28,7 +28,7 @@ if(VELMORA_SANITIZE STREQUAL "address")
   # model's path at many times the cost, and the settings and list cases,
   # whose slots the fuzzers drive under the same sanitizers.
   add_test(NAME host_tests_asan
-    COMMAND host_tests --gtest_filter=-WhisperSpeech.*:WhisperLists.*:WhisperSettings.*:LlmSettings.*:LlmStopLists.AreSorted*)
+    COMMAND host_tests --gtest_filter=-WhisperSpeech.*:WhisperLists.*:WhisperSettings.*:LlmSettings.*)
   set_tests_properties(host_tests_asan PROPERTIES ENVIRONMENT "${tbb};ASAN_OPTIONS=${asan}:detect_leaks=0;${ubsan}")
 elseif(VELMORA_SANITIZE STREQUAL "thread")
   # Only the tests where threads meet: cancels during generation, handles
