@@ -43,7 +43,7 @@ def interrupt(args, pipe, ready):
     return (seen + out, err) if pipe == "stdout" else (out, seen + err)
 
 
-class Generate(unittest.TestCase):
+class Host(unittest.TestCase):
     def continuation(self, result):
         self.assertEqual(result.returncode, 0, result.stderr)
         self.assertTrue(result.stdout.startswith(PROMPT) and result.stdout.endswith("\n"), result.stdout)
@@ -78,8 +78,6 @@ class Generate(unittest.TestCase):
                            lambda seen: b"Initializing" in seen)
         self.assertNotIn(b"done in", err)
 
-
-class Interface(unittest.TestCase):
     def test_progress_redraws_on_a_terminal_while_compiling(self):
         main, side = pty.openpty()
         process = subprocess.Popen([HOST, "compile", "--model", os.path.join(MODELS, "tiny-llm")],

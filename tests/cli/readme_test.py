@@ -1,7 +1,6 @@
-"""Runs every fenced block of the given Markdown files as written: `sh` with bash -e, `python` with
-PYTHON (the checkout's package importable), `c` compiled against the public header and the built library,
-then run; `text` is skipped, any other or missing info string fails. The blocks of a file run in order in
-one scratch directory showing the checkout's top-level entries, so a block may use what an earlier made.
+"""Runs every fenced block of the given Markdown files as written, in order, in one scratch directory
+per file that shows the checkout's top-level entries: `sh` with bash -e, `python` with PYTHON, `c` compiled
+against the public header and run; `text` is skipped, any other or missing info string fails.
 
     readme_test.py CHECKOUT PYTHON FILE.md..."""
 import os
