@@ -27,8 +27,7 @@ def test_samples_reach_the_library_as_float32(whisper):
 def test_audio_files_are_mixed_down_and_resampled(whisper, tmp_path):
     soundfile = pytest.importorskip("soundfile")
     pytest.importorskip("soxr")
-    t = np.arange(int(44100 * 1.5)) / 44100
-    tone = 0.5 * np.sin(2 * np.pi * 440 * t)
+    tone = 0.5 * np.sin(2 * np.pi * 440 * np.arange(int(44100 * 1.5)) / 44100)
     soundfile.write(tmp_path / "tone.flac", np.stack([tone, 0.5 * tone], axis=1), 44100)  # stereo
     samples = velmora.read_audio(tmp_path / "tone.flac")
     assert samples.dtype == np.float32 and abs(samples.size - 1.5 * 16000) <= 2

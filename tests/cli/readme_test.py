@@ -21,9 +21,8 @@ def main():
     for markdown in map(Path, sys.argv[3:]):
         text = markdown.read_text()
         with tempfile.TemporaryDirectory(prefix="readme-") as scratch:
-            for entry in checkout.iterdir():
-                if not entry.name.startswith("."):
-                    os.symlink(entry, Path(scratch) / entry.name)
+            for entry in (entry for entry in checkout.iterdir() if not entry.name.startswith(".")):
+                os.symlink(entry, Path(scratch) / entry.name)
             for block in re.finditer(r"^```([^\n]*)\n(.*?)^```$", text, re.M | re.S):
                 language = block.group(1).strip()
                 where = f"{markdown.name}:{text.count(chr(10), 0, block.start()) + 1} ({language or 'no language'})"
