@@ -4,12 +4,11 @@ import pytest
 
 import velmora
 
-MODELS = Path(__file__).resolve().parents[2] / "models"
-
 
 def pytest_addoption(parser):
     parser.addoption("--library", help="library file (default: velmora.find_library())")
-    parser.addoption("--models", default=str(MODELS), help="directory holding the model fixtures")
+    parser.addoption("--models", default=str(Path(__file__).resolve().parents[2] / "models"),
+                     help="directory holding the model fixtures")
 
 
 @pytest.fixture(scope="session")
@@ -22,43 +21,31 @@ def models(request):
     return Path(request.config.getoption("--models"))
 
 
+class Counting:
+    """Forwards to a model's table and notes each release slot called, with
+    its arguments, so that a test sees every buffer given back exactly once."""
+
+    def __init__(self, api):
+        self._api, self.released = api, []
+
+    def __getattr__(self, name):
+        slot = getattr(self._api, name)
+        if not name.startswith("Free"):
+            return slot
+        return lambda pointer, *rest: self.released.append((name, getattr(pointer, "value", pointer), *rest)) \
+            or slot(pointer, *rest)
+
+
 @pytest.fixture
 def llm(library, models):
     with velmora.LlmModel(models / "tiny-llm", context_length=16, library=library) as model:
+        model._api = Counting(model._api)
         yield model
 
 
 @pytest.fixture
 def whisper(library, models):
     with velmora.WhisperModel(models / "tiny-whisper", library=library) as model:
+        model._api = Counting(model._api)
         model.config["max_new_tokens"] = 8  # the random model never ends on its own
         yield model
-
-
-class CountingApi:
-    """Forwards to a table and counts the release slots called, with their
-    first argument, so a test sees each buffer given back exactly once."""
-
-    def __init__(self, api):
-        self._api = api
-        self.released = []
-
-    def __getattr__(self, name):
-        slot = getattr(self._api, name)
-        if not name.startswith("Free"):
-            return slot
-
-        def release(pointer, *rest):
-            self.released.append((name, getattr(pointer, "value", pointer), *rest))
-            return slot(pointer, *rest)
-
-        return release
-
-
-@pytest.fixture
-def counting():
-    def install(model):
-        model._api = CountingApi(model._api)
-        return model._api
-    return install
-

@@ -1,5 +1,7 @@
 import gc
 import signal
+import subprocess
+import sys
 import threading
 import time
 
@@ -14,125 +16,93 @@ def stream_threads():
     return [t for t in threading.enumerate() if t.name == "velmora-stream"]
 
 
-def test_stream_pieces_make_up_the_generated_text_and_every_text_is_released(llm, counting):
-    api = counting(llm)
+def test_stream_pieces_make_up_the_generated_text_and_every_text_is_released(llm):
     text = llm.generate(PROMPT)
     pieces = list(llm.stream(PROMPT))
     assert len(pieces) > 4 and "".join(pieces) == text
-    assert [r[0] for r in api.released] == ["FreeQueryResult"]
+    assert [r[0] for r in llm._api.released] == ["FreeQueryResult"]
 
 
-def test_a_stream_left_early_never_holds_the_model(llm):
-    llm.config["ignore_eos"] = True
-    llm.config["max_new_tokens"] = 20000  # tens of seconds when not cancelled
-    start = time.monotonic()
-    for count, _ in enumerate(llm.stream(PROMPT)):
-        if count == 2:
-            break
-    gc.collect()
-    assert not stream_threads()
-
-    with pytest.raises(RuntimeError):
-        for _ in llm.stream(PROMPT):
-            raise RuntimeError("in the loop body")
-    assert not stream_threads()
-
-    kept = llm.stream(PROMPT)  # still referenced: the next call ends it
-    next(kept)
-    llm.config["max_new_tokens"] = 12
-    assert not stream_threads() and list(kept) == []
-    assert time.monotonic() - start < 20
-
-
-def test_ctrl_c_cancels_a_generation_and_is_raised(llm):
+def test_a_long_generation_ends_at_ctrl_c_and_when_its_stream_is_left(llm):
     llm.config["ignore_eos"] = True
     llm.config["max_new_tokens"] = 50000  # a minute or more when not cancelled
-    interrupt = threading.Timer(0.5, signal.pthread_kill, (threading.main_thread().ident, signal.SIGINT))
-    interrupt.start()
     start = time.monotonic()
+    threading.Timer(0.5, signal.pthread_kill, (threading.main_thread().ident, signal.SIGINT)).start()
     with pytest.raises(KeyboardInterrupt):
         llm.generate(PROMPT)
-    assert time.monotonic() - start < 10
-    llm.config["max_new_tokens"] = 4
-    assert llm.generate(PROMPT)
+
+    for _ in llm.stream(PROMPT):
+        break
+    gc.collect()
+    assert not stream_threads()
+    kept = llm.stream(PROMPT)  # still referenced: the next call ends it
+    next(kept)
+    llm.config["max_new_tokens"] = 50000
+    assert not stream_threads() and list(kept) == []
+    kept = llm.stream(PROMPT)
+    next(kept)
+    llm.close()
+    assert not stream_threads() and llm.closed
+    assert time.monotonic() - start < 20
+    with pytest.raises(ValueError):
+        llm.generate(PROMPT)
 
 
 def test_chat_renders_the_model_template(library, models):
     question = [{"role": "user", "content": "What is the capital of France?"}]
     with velmora.LlmModel(models / "smollm2", library=library) as model:
         model.config["max_new_tokens"] = 16
-        assert "Paris" in model.chat(question)
-        assert "Paris" in model.chat(question, stream=True).text()
+        assert "Paris" in model.chat(question) and "Paris" in model.chat(question, stream=True).text()
 
 
-def test_closing_the_model_stops_its_stream(library, models):
-    model = velmora.LlmModel(models / "tiny-llm", context_length=100000, library=library)
-    stream = model.stream(PROMPT)
-    next(stream)
-    model.close()
-    assert not stream_threads() and model.closed
-    with pytest.raises(ValueError):
-        model.generate(PROMPT)
-
-
-def test_failures_carry_the_library_message(library, models, llm):
+def test_failures_carry_the_library_status_and_message(library, models, llm):
     with pytest.raises(velmora.VelmoraError) as failure:
         velmora.LlmModel(models / "missing", library=library)
-    assert (failure.value.status, failure.value.message) == (1, "The provided model path is not a directory")
+    assert failure.value.status == 1 and "not a directory" in failure.value.message
 
     llm.config["num_return_sequences"] = 3  # more than num_beams: stored, refused when generating
     stream = llm.stream(PROMPT)
-    with pytest.raises(velmora.VelmoraError) as failure:
+    with pytest.raises(velmora.VelmoraError, match="^StreamModel failed with status 1: Failed to validate config"):
         next(stream)
-    assert failure.value.status == 1 and "Failed to validate config: " in failure.value.message
     assert not stream_threads()
 
-
-def test_compile_reports_before_any_model_exists(library, models):
-    with pytest.raises(velmora.VelmoraError, match="An exception occurred while compiling the model: "
-                                                   "The context length must be greater than 0"):
-        velmora.compile_model(models / "tiny-llm", "CPU", 0, library=library)
+    # CompileModel reports only through an earlier InitModel's pair, which
+    # this process already has: a fresh one shows the package hands it over.
+    code = "import sys, velmora; velmora.compile_model(sys.argv[1], 'CPU', 0, library=sys.argv[2])"
+    fresh = subprocess.run([sys.executable, "-c", code, models / "tiny-llm", library.path], capture_output=True,
+                           text=True, cwd=velmora.__path__[0] + "/..")
+    assert "VelmoraError: CompileModel failed with status 1: An exception occurred while compiling" in fresh.stderr
     velmora.compile_model(models / "tiny-llm", "CPU", 8, library=library)
 
 
 def test_config_takes_only_what_a_setting_can_hold(llm):
-    llm.config.update(temperature=0.7, do_sample=True, top_k=7, eos_token_id=-5, stop_criteria="NEVER")
-    assert llm.config["temperature"] == pytest.approx(0.7) and llm.config.text("temperature") == "0.700000"
-    assert llm.config["do_sample"] is True and llm.config["top_k"] == 7 and llm.config["eos_token_id"] == -5
-    llm.config["top_p"] = 1
-    for name, value in [("do_sample", 1), ("top_k", True), ("top_k", 2.0), ("temperature", "hot"),
-                        ("stop_criteria", 0)]:
-        with pytest.raises(TypeError, match=f"^{name} takes "):
-            llm.config[name] = value
-    for name, value in [("max_new_tokens", -5), ("top_k", 2**31), ("eos_token_id", -2**31 - 1)]:
-        with pytest.raises(ValueError, match=f"^{name} takes an int from "):
+    values = dict(temperature=0.5, do_sample=True, top_k=7, eos_token_id=-5, stop_criteria="NEVER", top_p=1)
+    llm.config.update(values)
+    assert {name: llm.config[name] for name in values} == values and llm.config["do_sample"] is True
+    for name, value, error in [("do_sample", 1, TypeError), ("top_k", True, TypeError), ("top_k", 2.0, TypeError),
+                               ("temperature", "hot", TypeError), ("stop_criteria", 0, TypeError),
+                               ("max_new_tokens", -5, ValueError), ("top_k", 2**31, ValueError),
+                               ("eos_token_id", -2**31 - 1, ValueError)]:
+        with pytest.raises(error, match=f"^{name} takes "):
             llm.config[name] = value
     assert llm.config["max_new_tokens"] == 16 and llm.config["do_sample"] is True
-
-    with pytest.raises(velmora.PropertyError) as failure:
+    with pytest.raises(velmora.PropertyError, match="invalid stoi"):
         llm.config.set_text("top_k", "many")
-    assert failure.value.message == "An error occurred setting property top_k with value many: invalid stoi argument"
     assert "seed" not in llm.config and llm.config.get("seed", 5) == 5
-    with pytest.raises(TypeError):
-        del llm.config["top_k"]
+    pytest.raises(TypeError, llm.config.__delitem__, "top_k")
 
 
-def test_stop_lists_round_trip_and_release(llm, counting):
-    api = counting(llm)
+def test_stop_lists_and_token_ids_round_trip_and_every_buffer_is_released(llm):
     llm.stop_strings = ["a", "b", "é"]
     assert llm.stop_strings == ["a", "b", "é"]
     llm.stop_token_ids = [-1, 2, 3]
     assert llm.stop_token_ids == [-1, 2, 3]
     llm.stop_strings = []
     assert llm.stop_strings == []
-    assert [r[0] for r in api.released] == ["FreeStopStrings", "FreeStopTokens"]
-    assert api.released[0][2].value == 3
     with pytest.raises(TypeError):
         llm.stop_strings = "abc"
-
-
-def test_tokenize_releases_even_an_empty_result(llm, counting):
-    api = counting(llm)
     ids = llm.tokenize("Hello world")
-    assert ids and ids == llm.tokenize("Hello world") and llm.tokenize("") == []
-    assert [r[0] for r in api.released] == ["FreeTokens"] * 3 and all(r[1] for r in api.released)
+    assert ids and ids == llm.tokenize("Hello world") and llm.tokenize("") == []  # even "" is a buffer
+    released = llm._api.released
+    assert [r[0] for r in released] == ["FreeStopStrings", "FreeStopTokens"] + ["FreeTokens"] * 3
+    assert released[0][2].value == 3 and all(r[1] for r in released)
