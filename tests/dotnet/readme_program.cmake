@@ -1,6 +1,5 @@
-# The C# program of bindings/dotnet/README.md, which is also the console sample,
-# built with mcs and run under mono in the install layout (bin/ beside lib/),
-# so the binding finds the library on its own.
+# The C# program of the README (the console sample), built with mcs and run under mono in
+# the install layout (bin/ beside lib/), so the binding finds the library on its own.
 set(sample ${BINDING}/samples/VelmoraConsole/Program.cs)
 file(READ ${BINDING}/README.md readme)
 file(READ ${sample} program)
