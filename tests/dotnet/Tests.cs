@@ -72,10 +72,8 @@ static class Tests
         // In this order: CompileModel must be seen before any LLM model exists.
         foreach (Action test in new Action[] { CompileReportsBeforeAnyModelExists, TextAndListsCrossInUtf8AndAreReleased,
                                                StoppingAndEndingAModel, SettingsAndFailuresCarryTheLibraryText, WhisperCancelAndLists })
-        {
             try { test(); Console.WriteLine("ok   " + test.Method.Name); }
             catch (Exception e) { failed++; Console.WriteLine("FAIL " + test.Method.Name + ": " + e); }
-        }
         return failed;
     }
 
@@ -87,8 +85,7 @@ static class Tests
 
     static E Throws<E>(Action action, string what) where E : Exception
     {
-        try { action(); }
-        catch (E e) { return e; }
+        try { action(); } catch (E e) { return e; }
         throw new Exception(what + ": expected " + typeof(E).Name);
     }
 
@@ -183,11 +180,7 @@ static class Tests
     }
 
     [MethodImpl(MethodImplOptions.NoInlining)]
-    static void LeaveBehind(LlmModel model)
-    {
-        Tiny().Tokenize("x");
-        model.Stream(Prompt).GetEnumerator().MoveNext();
-    }
+    static void LeaveBehind(LlmModel model) { Tiny().Tokenize("x"); model.Stream(Prompt).GetEnumerator().MoveNext(); }
 
     static void SettingsAndFailuresCarryTheLibraryText()
     {
