@@ -2,7 +2,8 @@
 # The strongest shipping proof: makes the release archive, unpacks it into a
 # minimal Debian bookworm tree (debootstrap --variant=minbase: no Python) at a
 # path with a space, and runs the command-line host there with chroot,
-# generating text and transcribing a WAV. Needs root and Debian's mirror.
+# generating text and transcribing a WAV. Needs root and the Debian mirror
+# this machine's apt already uses (read from its sources, never written here).
 # minbase lacks only the CLI's audio libraries (libsndfile1, libsamplerate0);
 # the library itself needs nothing beyond the C and C++ runtimes.
 #   scripts/release_chroot.sh [BUILD_DIR]
@@ -13,7 +14,11 @@ root=$(mktemp -d /tmp/velmora-chroot.XXXXXX)
 trap 'umount "$root/proc" "$root/sys" 2>/dev/null || true; rm -rf "$root"' EXIT
 (cd "$build" && cpack -G TGZ >/dev/null)
 archive=$(ls "$build"/package/TarvikVelmoraOpenVINOBindings-*.tar.gz)
-debootstrap --variant=minbase --include=libsndfile1,libsamplerate0 bookworm "$root" http://deb.debian.org/debian >/dev/null
+# The first main-archive URI of apt's own sources (deb822 or one-line form).
+mirror=$(cat /etc/apt/sources.list.d/*.sources 2>/dev/null | awk '/^URIs:/ && $2 !~ /security/ {print $2; exit}')
+[[ -n $mirror ]] || mirror=$(cat /etc/apt/sources.list 2>/dev/null | awk '/^deb / && $2 !~ /security/ {print $2; exit}')
+[[ -n $mirror ]] || { echo "release_chroot: no Debian mirror in apt's sources" >&2; exit 1; }
+debootstrap --variant=minbase --include=libsndfile1,libsamplerate0 bookworm "$root" "$mirror" >/dev/null
 mkdir -p "$root/opt/my apps" && tar -xzf "$archive" -C "$root/opt/my apps"
 cp -r models/tiny-llm models/whisper-base "$root/opt/"
 espeak-ng -w "$root/opt/speech.wav" "The quick brown fox jumps over the lazy dog."
