@@ -2,8 +2,8 @@
 # Runs the whole test suite, installing and building whatever is missing first.
 # Then, unless VELMORA_SKIP_RELIABILITY=1, the reliability runs CI needs: the
 # library's tests under ASan+UBSan, the cancel and concurrency tests under
-# TSan, two leak cycles under LeakSanitizer (a leak shows in one) and 20 s of
-# each fuzz target (about 5 minutes of CPU on two cores, mostly the two
+# TSan, two leak cycles under LeakSanitizer (a leak shows in one), 20 s of
+# each fuzz target and two minutes of the soak (scripts/soak.sh) (about 5 minutes of CPU on two cores, mostly the two
 # sanitizer builds).
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -12,4 +12,5 @@ ctest --test-dir build --output-on-failure "$@"
 if [[ -z "${VELMORA_SKIP_RELIABILITY:-}" ]]; then
   LEAK_CYCLES=2 scripts/sanitize.sh asan tsan leak
   scripts/fuzz.sh 20
+  scripts/soak.sh 120
 fi

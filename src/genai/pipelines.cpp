@@ -19,10 +19,13 @@ struct StreamerBridge {
     std::exception_ptr failure;
 };
 
-py::object MakeStreamer(const Streamer& streamer, std::shared_ptr<StreamerBridge>& bridge) {
+// With a `decoder` (a tokenizer), the pieces are decoded by it rather than by
+// the pipeline's own tokenizer: see LLMPipeline::StreamDecoder.
+py::object MakeStreamer(const Streamer& streamer, const py::object& decoder,
+                        std::shared_ptr<StreamerBridge>& bridge) {
     if (!streamer) return py::none();
     bridge = std::make_shared<StreamerBridge>(StreamerBridge{streamer, nullptr});
-    return py::cpp_function([bridge](std::string piece) -> bool {
+    py::object callback = py::cpp_function([bridge](std::string piece) -> bool {
         py::gil_scoped_release unlocked;
         try {
             return bridge->streamer(std::move(piece));
@@ -31,12 +34,13 @@ py::object MakeStreamer(const Streamer& streamer, std::shared_ptr<StreamerBridge
             return true;
         }
     });
+    return decoder.is_none() ? callback : GenaiModule().attr("TextStreamer")(decoder, callback);
 }
 
 std::vector<std::string> RunGenerate(const py::object& pipeline, py::object inputs, const RuntimeConfig& config,
-                                     const Streamer& streamer) {
+                                     const Streamer& streamer, const py::object& decoder = py::none()) {
     std::shared_ptr<StreamerBridge> bridge;
-    py::object callback = MakeStreamer(streamer, bridge);
+    py::object callback = MakeStreamer(streamer, decoder, bridge);
     py::object results = pipeline.attr("generate")(inputs, Materialize(config), py::arg("streamer") = callback);
     if (bridge && bridge->failure) std::rethrow_exception(bridge->failure);
     return results.attr("texts").cast<std::vector<std::string>>();
@@ -50,31 +54,59 @@ std::shared_ptr<RuntimeObject> LoadPipeline(const char* className, const std::fi
     });
 }
 
+std::shared_ptr<RuntimeObject> LoadTokenizer(const std::filesystem::path& path) {
+    return WithRuntime([&] {
+        return std::make_shared<RuntimeObject>(GenaiModule().attr("Tokenizer")(PathToPython(path)));
+    });
+}
+
 void ReadConfig(const RuntimeObject& pipeline, RuntimeConfig& config) {
     WithRuntime([&] { Pull(pipeline.get().attr("get_generation_config")(), config); });
 }
 
 }  // namespace
 
+// The streaming tokenizer is made before the pipeline: a tokenizer gives back
+// a decoder request from another thread a moment after it is made, and a
+// decode meeting that moment can lose the same wake-up (see StreamDecoder).
+// Loading the pipeline takes far longer than that moment. If the tokenizer
+// cannot be made, the pipeline reports the model's faults in its own words
+// and the first generation tries again.
 LLMPipeline::LLMPipeline(const std::filesystem::path& models_path, const std::string& device,
                          const ov::AnyMap& properties)
-    : object_(LoadPipeline("LLMPipeline", models_path, device, properties)) {}
+    : models_path_(models_path) {
+    try {
+        stream_decoder_ = LoadTokenizer(models_path);
+    } catch (const std::exception&) {
+        stream_decoder_.reset();
+    }
+    object_ = LoadPipeline("LLMPipeline", models_path, device, properties);
+}
 
 std::vector<std::string> LLMPipeline::generate(const std::vector<std::string>& prompts, const RuntimeConfig& config,
                                                const Streamer& streamer) {
     return WithRuntime([&] {
-        if (streamer) EnsureDetokenizer();
-        return RunGenerate(object_->get(), py::cast(prompts), config, streamer);
+        const py::object decoder = streamer ? StreamDecoder().get() : py::none();
+        return RunGenerate(object_->get(), py::cast(prompts), config, streamer, decoder);
     });
 }
 
-// The runtime decodes streamed tokens on a thread of its own, where a missing
-// detokenizer ends the process instead of the call. Decoding nothing here
-// raises the same assertion where it can be reported.
-void LLMPipeline::EnsureDetokenizer() {
-    if (decodes_) return;
-    object_->get().attr("get_tokenizer")().attr("decode")(py::list());
-    decodes_ = true;
+// The tokenizer that decodes streamed pieces: one of this handle's own, never
+// the pipeline's. The runtime decodes pieces on its streaming thread while its
+// sampler decodes on another to match stop strings, and two threads decoding
+// with one tokenizer at once can lose a wake-up inside the runtime's pool of
+// decoder requests: the sampler then waits forever and the generation never
+// returns. With a tokenizer each, no decoder is ever shared between threads.
+// Decoding nothing once, before the first generation, turns a missing
+// detokenizer (which would end the process on the streaming thread) into an
+// error this call reports.
+const RuntimeObject& LLMPipeline::StreamDecoder() {
+    if (!stream_decoder_) stream_decoder_ = LoadTokenizer(models_path_);
+    if (!decodes_) {
+        stream_decoder_->get().attr("decode")(py::list());
+        decodes_ = true;
+    }
+    return *stream_decoder_;
 }
 
 void LLMPipeline::read_generation_config(RuntimeConfig& config) const { ReadConfig(*object_, config); }

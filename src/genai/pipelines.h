@@ -32,10 +32,12 @@ public:
     std::vector<int64_t> tokenize(const std::string& text);
 
 private:
-    void EnsureDetokenizer();
+    const RuntimeObject& StreamDecoder();
 
     std::shared_ptr<RuntimeObject> object_;
-    bool decodes_ = false;  // the tokenizer was seen to decode
+    std::filesystem::path models_path_;
+    std::shared_ptr<RuntimeObject> stream_decoder_;
+    bool decodes_ = false;  // the streaming tokenizer was seen to decode
 };
 
 class WhisperPipeline {

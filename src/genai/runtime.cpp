@@ -109,7 +109,12 @@ void ImportRuntime(bool joined) {
         if (fs::is_directory(site)) py::module_::import("site").attr("addsitedir")(PathToPython(site));
     }
     genaiModule = new py::module_(py::module_::import("openvino_genai"));
-    py::module_::import("numpy");
+    // The runtime sets up its NumPy conversions on first use, inside a static
+    // initialiser that needs the interpreter lock: two handles tokenizing for
+    // the first time on two threads could each wait for the other. Done once
+    // here, under the start's lock, no later call can meet it.
+    py::module_ numpy = py::module_::import("numpy");
+    py::module_::import("openvino").attr("Tensor")(numpy.attr("zeros")(py::make_tuple(1, 1), "int64")).attr("data");
 }
 
 void Start() {

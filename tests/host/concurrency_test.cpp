@@ -115,3 +115,24 @@ TEST(Concurrency, FailuresOnTwoThreadsAreEachReportedOnce) {
     EXPECT_EQ(InboxOf(Pair::A).errors.size(), 2u * rounds);
     EXPECT_EQ(InboxOf(Pair::B).errors.size(), 1u * rounds);
 }
+
+// The first tokenization of a process, on two handles at the same moment: a
+// conversion the runtime sets up lazily must not make them wait for each
+// other (run in a process of its own, so that it is the first).
+TEST(Concurrency, FirstTokenizationsOnTwoThreadsAtOnce) {
+    LlmModel first(host::ModelDir("tiny-llm"), 8), second(host::ModelDir("tiny-llm"), 8);
+    std::atomic<int> ready{0};
+    auto tokenize = [&](void* handle, size_t* count) {
+        ++ready;
+        while (ready < 2) std::this_thread::yield();
+        int64_t* ids = nullptr;
+        EXPECT_EQ(Llm().Tokenize(handle, "Once upon a time", &ids, count), 0);
+        Llm().FreeTokens(ids);
+    };
+    size_t a = 0, b = 0;
+    std::thread one(tokenize, first.handle(), &a), two(tokenize, second.handle(), &b);
+    one.join();
+    two.join();
+    EXPECT_GT(a, 0u);
+    EXPECT_EQ(a, b);
+}
