@@ -102,7 +102,7 @@ def test_failures_carry_the_library_status_and_message(library, models, llm, tmp
 
 
 def test_config_takes_only_what_a_setting_can_hold(llm):
-    values = dict(temperature=0.5, do_sample=True, top_k=7, eos_token_id=-5, stop_criteria="NEVER", top_p=1)
+    values = dict(temperature=0.5, do_sample=True, top_k=7, eos_token_id=-1, stop_criteria="NEVER", top_p=1)
     llm.config.update(values)
     assert {name: llm.config[name] for name in values} == values and llm.config["do_sample"] is True
     for name, value, error in [("do_sample", 1, TypeError), ("top_k", True, TypeError), ("top_k", 2.0, TypeError),
