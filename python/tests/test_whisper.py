@@ -63,11 +63,13 @@ def test_language_map_and_suppression_lists_round_trip_and_release(whisper):
 
 def test_language_and_task_go_back_to_detection_with_everything_else_kept(whisper):
     whisper.config.update(language="<|fr|>", task="translate", max_initial_timestamp_index=7)
+    whisper.config.set_text("max_length", "-1")  # no limit: more than the library's text takes back
     whisper.suppress_tokens, languages = [7, 7, 1], whisper.lang_to_id
     del whisper.config["language"]
     whisper.config["task"] = None
     assert "language" not in whisper.config and "task" not in whisper.config
     assert whisper.config["max_new_tokens"] == 8 and whisper.config["max_initial_timestamp_index"] == 7
+    assert whisper.config["max_length"] == 2**64 - 1
     assert whisper.suppress_tokens == [7, 7, 1] and whisper.lang_to_id == languages
     assert isinstance(whisper.transcribe(SILENCE), str)
     pytest.raises(KeyError, whisper.config.__delitem__, "language")

@@ -11,7 +11,7 @@ import numpy as np
 from . import _abi
 from ._library import Library, load_library
 from ._model import Model, _HeldInterrupt, decode, encode, model_path, take_text
-from .config import WHISPER_SETTINGS, Config
+from .config import SIZE, WHISPER_SETTINGS, Config
 
 SAMPLE_RATE = 16000
 # The runtime's feature extractor pads by reflection and needs more than this.
@@ -181,6 +181,9 @@ class WhisperModel(Model):
                 # An absent optional setting fails to read: it stays absent.
                 if other != name and self._api.GetConfigProperty(old, encode(other), ctypes.byref(out)) == 0:
                     texts[other] = take_text(out, self._api.FreeConfigProperty)
+                    if WHISPER_SETTINGS[other] is SIZE and int(texts[other]) >= 2**63:
+                        # Written as the negative 32-bit text it came from: stoi takes no more.
+                        texts[other] = str(int(texts[other]) - 2**64).encode()
             languages = list(self._read_lang_to_id(old).items())
             ids = [self._read_ids(old, get, getattr(self._api, get), getattr(self._api, free))
                    for get, _, free in lists]
