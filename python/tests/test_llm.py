@@ -1,4 +1,7 @@
+import ctypes
 import gc
+import os
+import random
 import signal
 import subprocess
 import sys
@@ -44,8 +47,9 @@ def test_a_long_generation_ends_at_ctrl_c_and_when_its_stream_is_left(llm):
     llm.close()
     assert not stream_threads() and llm.closed
     assert time.monotonic() - start < 20
-    with pytest.raises(ValueError):
-        llm.generate(PROMPT)
+    for call in (llm.generate, llm.stream):
+        with pytest.raises(ValueError, match="the model is closed"):
+            call(PROMPT)
 
 
 def test_chat_renders_the_model_template(library, models):
@@ -55,10 +59,32 @@ def test_chat_renders_the_model_template(library, models):
         assert "Paris" in model.chat(question) and "Paris" in model.chat(question, stream=True).text()
 
 
-def test_failures_carry_the_library_status_and_message(library, models, llm):
+def test_failures_carry_the_library_status_and_message(library, models, llm, tmp_path):
+    for family in (velmora.LlmModel, velmora.WhisperModel):  # one line naming the path, either family
+        with pytest.raises(FileNotFoundError, match=f"^cannot load model: '{models}/missing' does not exist$"):
+            family(models / "missing", library=library)
+        with pytest.raises(velmora.VelmoraError, match=f"^cannot load model '{tmp_path}': [^\n]+$") as failure:
+            family(tmp_path, library=library)
+        assert failure.value.status == 1 and failure.value.message  # the library's full text is kept
+
     with pytest.raises(velmora.VelmoraError) as failure:
-        velmora.LlmModel(models / "missing", library=library)
-    assert failure.value.status == 1 and "not a directory" in failure.value.message
+        llm._run("QueryModel", llm._api.QueryModel, llm.handle, b"", ctypes.byref(ctypes.c_void_p()))
+    assert str(failure.value) == "QueryModel failed with status 4: An OpenVINO assertion occurred while querying " \
+                                 "the model: Prompt length cannot be 0"
+    assert "Check 'prompt_len > 0' failed at" in failure.value.message
+    for call, error, text in [(lambda: llm.generate(42), TypeError, "prompt takes a str, not int"),
+                              (lambda: llm.generate(""), ValueError, "prompt is empty"),
+                              (lambda: llm.stream(""), ValueError, "prompt is empty"),
+                              (lambda: llm.chat("hello"), TypeError, "messages takes a list of"),
+                              (lambda: llm.chat([("user", "hi")]), TypeError, r"messages\[0\] must be a dict"),
+                              (lambda: setattr(llm, "stop_strings", ["a", 1]), TypeError, r"stop_strings\[1\] takes a str"),
+                              (lambda: setattr(llm, "stop_token_ids", []), ValueError, "stop_token_ids must hold the end-of-text"),
+                              (lambda: llm.config.update(eos_token_id=7), ValueError, "eos_token_id 7 is not among stop_token_ids"),
+                              (lambda: llm.config.update(stop_criteria="SOON"), ValueError, "stop_criteria takes one of")]:
+        with pytest.raises(error, match=f"^{text}"):
+            call()
+    llm.stop_token_ids = [llm.config["eos_token_id"], 5]
+    llm.config["eos_token_id"] = 5
 
     llm.config["num_return_sequences"] = 3  # more than num_beams: stored, refused when generating
     stream = llm.stream(PROMPT)
@@ -76,7 +102,7 @@ def test_failures_carry_the_library_status_and_message(library, models, llm):
 
 
 def test_config_takes_only_what_a_setting_can_hold(llm):
-    values = dict(temperature=0.5, do_sample=True, top_k=7, eos_token_id=-5, stop_criteria="NEVER", top_p=1)
+    values = dict(temperature=0.5, do_sample=True, top_k=7, eos_token_id=-1, stop_criteria="NEVER", top_p=1)
     llm.config.update(values)
     assert {name: llm.config[name] for name in values} == values and llm.config["do_sample"] is True
     for name, value, error in [("do_sample", 1, TypeError), ("top_k", True, TypeError), ("top_k", 2.0, TypeError),
@@ -95,7 +121,7 @@ def test_config_takes_only_what_a_setting_can_hold(llm):
 def test_stop_lists_and_token_ids_round_trip_and_every_buffer_is_released(llm):
     llm.stop_strings = ["a", "b", "é"]
     assert llm.stop_strings == ["a", "b", "é"]
-    llm.stop_token_ids = [-1, 2, 3]
+    llm.stop_token_ids = [-1, 2, 3]  # 2 is the end-of-text id, which must stay
     assert llm.stop_token_ids == [-1, 2, 3]
     llm.stop_strings = []
     assert llm.stop_strings == []
@@ -104,5 +130,33 @@ def test_stop_lists_and_token_ids_round_trip_and_every_buffer_is_released(llm):
     ids = llm.tokenize("Hello world")
     assert ids and ids == llm.tokenize("Hello world") and llm.tokenize("") == []  # even "" is a buffer
     released = llm._api.released
-    assert [r[0] for r in released] == ["FreeStopStrings", "FreeStopTokens"] + ["FreeTokens"] * 3
+    assert [r[0] for r in released] == ["FreeStopStrings", "FreeConfigProperty", "FreeStopTokens"] + ["FreeTokens"] * 3
     assert released[0][2].value == 3 and all(r[1] for r in released)
+
+
+
+@pytest.mark.parametrize("run", [lambda m: m.generate(PROMPT), lambda m: list(m.stream(PROMPT))], ids=["generate", "stream"])
+def test_ctrl_c_at_any_moment_leaves_the_model_idle(llm, monkeypatch, run):
+    start = threading.Thread.start
+
+    def start_then_interrupt(thread):  # Ctrl-C right as the slot's worker starts
+        start(thread)
+        if thread.name.startswith("velmora"):
+            signal.raise_signal(signal.SIGINT)
+
+    rng = random.Random(7)
+    for attempt in range(int(os.environ.get("VELMORA_CTRL_C_RUNS", 4))):
+        llm.config["ignore_eos"] = True
+        llm.config["max_new_tokens"] = 50000
+        with monkeypatch.context() as patch:
+            if attempt == 0:
+                patch.setattr(threading.Thread, "start", start_then_interrupt)
+            timer = threading.Timer(rng.uniform(0, 0.05), signal.pthread_kill,
+                                    (threading.main_thread().ident, signal.SIGINT))
+            with pytest.raises(KeyboardInterrupt):
+                if attempt:
+                    timer.start()
+                run(llm)
+            timer.cancel()
+        llm.config["max_new_tokens"] = 2
+        assert not stream_threads() and llm.generate("Hi")

@@ -20,8 +20,12 @@ def test_samples_reach_the_library_as_float32(whisper):
     assert [r[0] for r in whisper._api.released] == ["FreeQueryResult"] * 3
     with pytest.raises(TypeError, match="int16 PCM, not int32"):
         whisper.transcribe(np.zeros(16000, np.int32))
-    with pytest.raises(ValueError):
-        whisper.transcribe(np.zeros((2, 8000), np.float32))
+    for audio, text in [(np.zeros((2, 8000), np.float32), "audio must be one channel"),
+                        ([], "audio holds 0 samples"), (np.full(200, 0.1), "audio holds 200 samples"),
+                        (np.array([0.0] * 300 + [np.nan]), "audio holds NaN or infinite samples .* at index 300"),
+                        (np.full(300, np.inf, np.float32), "audio holds NaN or infinite")]:
+        with pytest.raises(ValueError, match=f"^{text}"):
+            whisper.transcribe(audio)
 
 
 def test_audio_files_are_mixed_down_and_resampled(whisper, tmp_path):
@@ -49,6 +53,24 @@ def test_language_map_and_suppression_lists_round_trip_and_release(whisper):
     assert whisper.suppress_tokens == [5, 5, 3] and whisper.begin_suppress_tokens == []
     assert whisper._api.released[-1][0] == "FreeSuppressTokens"
 
-    whisper.config["language"] = "<|en|>"  # no longer in the map
+    for name, value in [("language", "<|en|>"), ("task", "transcribe it")]:  # the runtime would refuse them later
+        with pytest.raises(ValueError, match=f"^{name} takes "):
+            whisper.config[name] = value
+    whisper.config.set_text("language", "<|en|>")  # the raw path still sends it
     with pytest.raises(velmora.VelmoraError, match="^QueryModel failed with status 1: Failed to validate config"):
         whisper.transcribe(SILENCE)
+
+
+def test_language_and_task_go_back_to_detection_with_everything_else_kept(whisper):
+    whisper.config.update(language="<|fr|>", task="translate", max_initial_timestamp_index=7)
+    whisper.config.set_text("max_length", "-1")  # no limit: more than the library's text takes back
+    whisper.suppress_tokens, languages = [7, 7, 1], whisper.lang_to_id
+    del whisper.config["language"]
+    whisper.config["task"] = None
+    assert "language" not in whisper.config and "task" not in whisper.config
+    assert whisper.config["max_new_tokens"] == 8 and whisper.config["max_initial_timestamp_index"] == 7
+    assert whisper.config["max_length"] == 2**64 - 1
+    assert whisper.suppress_tokens == [7, 7, 1] and whisper.lang_to_id == languages
+    assert isinstance(whisper.transcribe(SILENCE), str)
+    pytest.raises(KeyError, whisper.config.__delitem__, "language")
+    pytest.raises(TypeError, whisper.config.__delitem__, "max_length")

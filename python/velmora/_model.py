@@ -3,25 +3,93 @@ settings by name, and copying buffers out before giving them back."""
 from __future__ import annotations
 
 import ctypes
+import math
+import os
+import signal
 import threading
 import weakref
 from collections.abc import Iterable, Iterator
 from contextlib import contextmanager
 from typing import TYPE_CHECKING, Any, Callable
 
-from .errors import PropertyError
+from .errors import PropertyError, VelmoraError
 
 if TYPE_CHECKING:
     from ._library import Library
     from .llm import TextStream
 
 
-def encode(text: str | bytes) -> bytes:
-    data = text.encode("utf-8", "surrogateescape") if isinstance(text, str) else bytes(text)
+def encode(text: str | bytes, what: str = "text") -> bytes:
+    """`text` as the library's NUL-terminated bytes; `what` names the argument
+    in the message when it is not a string or holds a NUL."""
+    if isinstance(text, str):
+        data = text.encode("utf-8", "surrogateescape")
+    elif isinstance(text, (bytes, bytearray)):
+        data = bytes(text)
+    else:
+        raise TypeError(f"{what} takes a str, not {type(text).__name__}")
     if b"\0" in data:
         # The library reads NUL-terminated strings: the rest would be dropped silently.
-        raise ValueError("embedded null byte")
+        raise ValueError(f"{what} holds a NUL character at {data.index(0)}; the library would drop what follows")
     return data
+
+
+def model_path(model_dir: str | os.PathLike[str]) -> str:
+    """The model directory as given, refused before the library sees it when
+    it is not a directory: both families then fail the same way, in one line."""
+    if not isinstance(model_dir, (str, os.PathLike)):
+        raise TypeError(f"model_dir takes a str or path, not {type(model_dir).__name__}")
+    path = os.fspath(model_dir)
+    if not os.path.isdir(path):
+        problem = "is not a directory" if os.path.exists(path) else "does not exist"
+        raise FileNotFoundError(f"cannot load model: {os.path.abspath(path)!r} {problem}")
+    return path
+
+
+class _HeldInterrupt:
+    """Ctrl-C held back on the main thread while a slot may be running: the
+    handler in force still runs at once, but what it raises (KeyboardInterrupt)
+    is kept and raised by finish() once the slot has returned. A Ctrl-C landing
+    between starting the slot and waiting for it would otherwise leave the slot
+    running with the model's lock released, and the next call fails with the
+    runtime's "already in running state"."""
+
+    def __init__(self) -> None:
+        self.raised: BaseException | None = None
+        self._previous: Any = None
+        self._installed = False
+
+    def __enter__(self) -> _HeldInterrupt:
+        if threading.current_thread() is not threading.main_thread():
+            return self  # no Ctrl-C is raised on other threads
+        try:
+            previous = signal.getsignal(signal.SIGINT)
+            if not callable(previous):
+                return self  # ignored, default or foreign: nothing is raised in Python
+            self._previous = previous
+            signal.signal(signal.SIGINT, self._on_signal)
+            self._installed = True
+        except ValueError:  # not the main interpreter
+            pass
+        return self
+
+    def _on_signal(self, signum: int, frame: Any) -> None:
+        try:
+            self._previous(signum, frame)
+        except BaseException as error:  # kept for finish()
+            if self.raised is None:
+                self.raised = error
+
+    def __exit__(self, *exc: object) -> None:
+        if self._installed:
+            signal.signal(signal.SIGINT, self._previous)
+            self._installed = False
+
+    def finish(self) -> None:
+        """Raises what Ctrl-C raised, if it did."""
+        if self.raised is not None:
+            error, self.raised = self.raised, None
+            raise error
 
 
 def decode(data: bytes) -> str:
@@ -49,13 +117,28 @@ def take_ids(pointer: ctypes.c_void_p, count: ctypes.c_size_t, release: Callable
         release(pointer)
 
 
-def id_array(ids: Iterable[int]) -> tuple[ctypes.Array, int]:
-    values = [int(i) for i in ids]
+def id_array(ids: Iterable[int], what: str = "ids") -> tuple[ctypes.Array, int]:
+    if isinstance(ids, (str, bytes)) or not isinstance(ids, Iterable):
+        raise TypeError(f"{what} takes a list of ints, not {type(ids).__name__}")
+    values = list(ids)
+    for i, value in enumerate(values):
+        if isinstance(value, bool) or not isinstance(value, int):
+            raise TypeError(f"{what} takes a list of ints, not {type(value).__name__} (item {i})")
+        if not -2**63 <= value < 2**63:
+            raise ValueError(f"{what} takes 64-bit ints, not {value} (item {i})")
     return (ctypes.c_int64 * len(values))(*values), len(values)
 
 
 class Model:
     _family = ""  # "llm" or "whisper"
+    _resettable: tuple[str, ...] = ()  # settings Config.reset can give back their model default
+
+    def _check_setting(self, name: str, value: object) -> None:
+        """Refuses a typed value the runtime is known to refuse at the next
+        generation, while the caller still knows which assignment it was."""
+
+    def _reset_setting(self, name: str) -> None:
+        raise TypeError(f"{name} cannot be reset")
 
     def __init__(self, library: Library):
         self._lib = library
@@ -70,10 +153,17 @@ class Model:
         self._streams: weakref.WeakSet[TextStream] = weakref.WeakSet()
 
     def _init(self, slot: Callable[..., int], *args: Any) -> None:
-        handle = ctypes.c_void_p()
         with self._lock:
-            self._call("InitModel", slot, *args, ctypes.byref(handle), self._lib.callbacks(self._family))
-        self._handle = handle
+            self._handle = self._new_handle(slot, *args)
+
+    def _new_handle(self, slot: Callable[..., int], path: bytes, *args: Any) -> ctypes.c_void_p:
+        handle = ctypes.c_void_p()
+        try:
+            self._call("InitModel", slot, path, *args, ctypes.byref(handle), self._lib.callbacks(self._family))
+        except VelmoraError as error:
+            error.context = f"cannot load model {decode(path)!r}"
+            raise
+        return handle
 
     def _call(self, operation: str, slot: Callable[..., int], *args: Any, error: type | None = None) -> int:
         kwargs = {"error": error} if error else {}
@@ -89,9 +179,8 @@ class Model:
 
     def _run(self, operation: str, slot: Callable[..., int], *args: Any) -> None:
         """One long slot call (a generation, a transcription). On the main
-        thread it runs on a worker so that Ctrl-C reaches Python at once: the
-        KeyboardInterrupt cancels the work, waits for the slot to return and
-        is raised again."""
+        thread it runs on a worker so that Ctrl-C is seen at once: it cancels
+        the work, waits for the slot to return and only then raises."""
         if threading.current_thread() is not threading.main_thread():
             self._call(operation, slot, *args)
             return
@@ -106,16 +195,14 @@ class Model:
             finally:
                 done.set()
 
-        # Waited for through an Event: an interrupted Thread.join() leaves the
-        # thread looking finished while it still runs.
-        threading.Thread(target=work, name="velmora-call", daemon=True).start()
-        try:
-            done.wait()
-        except KeyboardInterrupt:
-            # A cancel that lands before the run starts is forgotten by it.
-            while not done.wait(0.02):
-                self.cancel()
-            raise
+        with _HeldInterrupt() as held:
+            threading.Thread(target=work, name="velmora-call", daemon=True).start()
+            # Polled: a cancel that lands before the run starts is forgotten by
+            # it, so it is repeated until the slot returns.
+            while not done.wait(0.02 if held.raised else 0.1):
+                if held.raised:
+                    self.cancel()
+        held.finish()
         if failure:
             raise failure[0]
 
@@ -160,22 +247,26 @@ class Model:
     def _get_property(self, name: str) -> str:
         out = ctypes.c_void_p()
         with self._using() as handle:
-            self._call("GetConfigProperty", self._api.GetConfigProperty, handle, encode(name),
+            self._call("GetConfigProperty", self._api.GetConfigProperty, handle, encode(name, "name"),
                        ctypes.byref(out), error=PropertyError)
         return decode(take_text(out, self._api.FreeConfigProperty))
 
     def _set_property(self, name: str, text: str) -> None:
         with self._using() as handle:
-            self._call("SetConfigProperty", self._api.SetConfigProperty, handle, encode(name),
-                       encode(text), error=PropertyError)
+            self._call("SetConfigProperty", self._api.SetConfigProperty, handle, encode(name, "name"),
+                       encode(text, name), error=PropertyError)
 
     def _get_ids(self, operation: str, getter: Callable[..., int], release: Callable[..., int]) -> list[int]:
-        out, count = ctypes.c_void_p(), ctypes.c_size_t()
         with self._using() as handle:
-            self._call(operation, getter, handle, ctypes.byref(out), ctypes.byref(count))
+            return self._read_ids(handle, operation, getter, release)
+
+    def _read_ids(self, handle: ctypes.c_void_p, operation: str, getter: Callable[..., int],
+                  release: Callable[..., int]) -> list[int]:
+        out, count = ctypes.c_void_p(), ctypes.c_size_t()
+        self._call(operation, getter, handle, ctypes.byref(out), ctypes.byref(count))
         return take_ids(out, count, release)
 
-    def _set_ids(self, operation: str, setter: Callable[..., int], ids: Iterable[int]) -> None:
-        array, count = id_array(ids)
+    def _set_ids(self, operation: str, setter: Callable[..., int], ids: Iterable[int], what: str) -> None:
+        array, count = id_array(ids, what)
         with self._using() as handle:
             self._call(operation, setter, handle, array, count)

@@ -9,8 +9,13 @@ library refuses raises PropertyError, a KeyError, with the library's message.
 
 The raw path keeps the library's own text semantics: `config.text(name)`
 reads the text unchanged and `config.set_text(name, text)` sends one as is
-(there "-5" for a size is stored as the library converts it). Settings cannot
-be deleted."""
+(there "-5" for a size is stored as the library converts it).
+
+Settings cannot be deleted, except Whisper's "language" and "task": the
+library can only make them present, so `del config["language"]`,
+`config["language"] = None` or `config.reset("language")` reloads the model
+with every other setting and list carried over (as long as a model load) and
+leaves the name as the model's own default, usually absent (detected)."""
 from __future__ import annotations
 
 from collections.abc import Callable, Iterator, MutableMapping
@@ -32,6 +37,7 @@ class Kind:
     parse: Callable[[str], Value]
     low: int | None = None
     high: int | None = None
+    choices: tuple[str, ...] = ()
 
     def text(self, name: str, value: object) -> str:
         # bool is an int to Python; only a flag may take one.
@@ -41,6 +47,8 @@ class Kind:
             return "true" if value else "false"
         if self.low is not None and not self.low <= value <= self.high:  # type: ignore[operator]
             raise ValueError(f"{name} takes {self.accepts}, not {value}")
+        if self.choices and value not in self.choices:
+            raise ValueError(f"{name} takes {self.accepts}, not {value!r}")
         return value if isinstance(value, str) else repr(value)
 
 
@@ -49,13 +57,15 @@ SIZE = Kind(f"an int from 0 to {_INT32_MAX}", (int,), int, 0, _INT32_MAX)
 TOKEN_ID = Kind(f"an int from {-_INT32_MAX - 1} to {_INT32_MAX}", (int,), int, -_INT32_MAX - 1, _INT32_MAX)
 REAL = Kind("an int or float", (int, float), float)
 TEXT = Kind("a str", (str,), lambda text: text)
+_CRITERIA = ("EARLY", "HEURISTIC", "NEVER")
+CRITERION = Kind("one of " + ", ".join(map(repr, _CRITERIA)), (str,), lambda text: text, choices=_CRITERIA)
 
 LLM_SETTINGS: dict[str, Kind] = {
     "diversity_penalty": REAL, "do_sample": FLAG, "eos_token_id": TOKEN_ID, "frequency_penalty": REAL,
     "ignore_eos": FLAG, "include_stop_str_in_output": FLAG, "length_penalty": REAL, "max_length": SIZE,
     "max_new_tokens": SIZE, "min_new_tokens": SIZE, "no_repeat_ngram_size": SIZE, "num_beams": SIZE,
     "num_beam_groups": SIZE, "num_return_sequences": SIZE, "presence_penalty": REAL,
-    "repetition_penalty": REAL, "rng_seed": SIZE, "stop_criteria": TEXT, "temperature": REAL,
+    "repetition_penalty": REAL, "rng_seed": SIZE, "stop_criteria": CRITERION, "temperature": REAL,
     "top_k": SIZE, "top_p": REAL,
 }
 
@@ -86,13 +96,33 @@ class Config(MutableMapping[str, Value]):
         text = self.text(name)
         return self._kinds.get(name, TEXT).parse(text)
 
-    def __setitem__(self, name: str, value: Value) -> None:
+    def __setitem__(self, name: str, value: Value | None) -> None:
+        if value is None and name in self._model._resettable:
+            self.reset(name)
+            return
         kind = self._kinds.get(name)
-        # An unknown name goes to the library, which refuses it in its own words.
-        self.set_text(name, kind.text(name, value) if kind else str(value))
+        if kind:
+            text = kind.text(name, value)
+            self._model._check_setting(name, value)
+        else:
+            text = str(value)  # an unknown name goes to the library, which refuses it in its own words
+        self.set_text(name, text)
 
     def __delitem__(self, name: str) -> None:
-        raise TypeError("generation settings cannot be removed")
+        if name not in self._model._resettable:
+            raise TypeError(f"generation settings cannot be removed ({name}); set a value instead")
+        if name not in self:
+            raise KeyError(name)
+        self.reset(name)
+
+    def reset(self, name: str) -> None:
+        """Gives `name` back its value from the model's files. Only Whisper's
+        "language" and "task" can be reset: the model is loaded anew, as long
+        as the first load, with every other setting and list carried over."""
+        if name not in self._model._resettable:
+            raise TypeError(f"only {' and '.join(self._model._resettable) or 'no setting'} can be reset here, "
+                            f"not {name}")
+        self._model._reset_setting(name)
 
     def __iter__(self) -> Iterator[str]:
         for name in self._kinds:

@@ -1,12 +1,28 @@
 """Exceptions carrying what the library reported: its message (from the
 family's `error` callback) and the status the slot returned."""
+from __future__ import annotations
+
+import re
+
+# Where the runtime says which file and check failed: useful to its own
+# developers, noise to ours. Kept on .message, left out of str().
+_RUNTIME_PLACE = re.compile(r"(?:Check '.*?' failed at |Exception from )[^\n]*?:\d+:\s*", re.S)
+
+
+def summary(message: str) -> str:
+    """The library's text in one line: its own prefix, then the runtime's
+    sentences without the source places of its checks."""
+    return " ".join(line.strip() for line in _RUNTIME_PLACE.sub("", message).splitlines() if line.strip())
 
 
 class VelmoraError(Exception):
     """A slot failed. `status` is the slot's return value (1 for most slots;
     LLM generate() tells 2/3 invalid settings from 4/5 generation failures),
-    `message` the library's text ("" when the slot reports none), `operation`
-    the slot that failed."""
+    `message` the library's full text ("" when the slot reports none),
+    `operation` the slot that failed. str() shows the text in one line, the
+    runtime's own sentence without its source places."""
+
+    context = ""  # what was asked, when it says more than the slot's name
 
     def __init__(self, operation: str, status: int, message: str):
         super().__init__(operation, status, message)
@@ -15,7 +31,9 @@ class VelmoraError(Exception):
         self.message = message
 
     def __str__(self) -> str:
-        text = self.message or "the library gave no message"
+        text = summary(self.message) or "the library gave no message"
+        if self.context:
+            return f"{self.context}: {text}"
         return f"{self.operation} failed with status {self.status}: {text}"
 
 

@@ -10,7 +10,7 @@ from typing import Any, Union
 
 from . import _abi
 from ._library import Library, load_library
-from ._model import Model, decode, encode, take_ids, take_text
+from ._model import Model, _HeldInterrupt, decode, encode, id_array, model_path, take_ids, take_text
 from .config import LLM_SETTINGS, Config
 
 # max_new_tokens of a new model, and on the NPU also its longest prompt: room
@@ -28,8 +28,8 @@ class LlmModel(Model):
 
     def __init__(self, model_dir: str | os.PathLike[str], device: str | int = "CPU",
                  context_length: int = DEFAULT_CONTEXT_LENGTH, *, library: Library | str | None = None):
+        self._model_dir = model_path(model_dir)
         super().__init__(load_library(library))
-        self._model_dir = os.fspath(model_dir)
         self._tokenizer: Any = None
         self._init(self._api.InitModel, encode(self._model_dir), _abi.device_type(device), int(context_length))
         self.config = Config(self, LLM_SETTINGS)
@@ -39,9 +39,10 @@ class LlmModel(Model):
         or Ctrl-C, ends it early (Ctrl-C then raises KeyboardInterrupt).
         VelmoraError.status tells invalid settings (2, 3) from a failed
         generation (4, 5)."""
+        data = _prompt(prompt)
         out = ctypes.c_void_p()
         with self._using() as handle:
-            self._run("QueryModel", self._api.QueryModel, handle, encode(prompt), ctypes.byref(out))
+            self._run("QueryModel", self._api.QueryModel, handle, data, ctypes.byref(out))
         return take_text(out, self._api.FreeQueryResult).decode("utf-8", "replace")
 
     def stream(self, prompt: str) -> TextStream:
@@ -59,6 +60,16 @@ class LlmModel(Model):
 
     def chat_prompt(self, messages: Iterable[Mapping[str, str]]) -> str:
         """The prompt chat() generates from."""
+        if isinstance(messages, (str, bytes, Mapping)) or not isinstance(messages, Iterable):
+            raise TypeError(f"messages takes a list of {{'role': ..., 'content': ...}} dicts, "
+                            f"not {type(messages).__name__}")
+        messages = list(messages)
+        for i, message in enumerate(messages):
+            if not isinstance(message, Mapping) or not isinstance(message.get("role"), str) \
+                    or not isinstance(message.get("content"), str):
+                raise TypeError(f"messages[{i}] must be a dict with str 'role' and 'content', not {message!r:.60}")
+        if not messages:
+            raise ValueError("messages is empty: give at least one {'role': 'user', 'content': ...}")
         if self._tokenizer is None:
             # Importable here: the library has joined this interpreter and
             # made its runtime's environment reachable when the model loaded.
@@ -71,7 +82,7 @@ class LlmModel(Model):
         """The token ids of `text` from the model's tokenizer."""
         out, count = ctypes.c_void_p(), ctypes.c_size_t()
         with self._using() as handle:
-            self._call("Tokenize", self._api.Tokenize, handle, encode(text), ctypes.byref(out),
+            self._call("Tokenize", self._api.Tokenize, handle, encode(text, "text"), ctypes.byref(out),
                        ctypes.byref(count))
         return take_ids(out, count, self._api.FreeTokens)
 
@@ -92,9 +103,9 @@ class LlmModel(Model):
 
     @stop_strings.setter
     def stop_strings(self, strings: Iterable[str]) -> None:
-        if isinstance(strings, (str, bytes)):
-            raise TypeError("stop_strings takes a list of strings, not one string")
-        data = [encode(s) for s in strings]
+        if isinstance(strings, (str, bytes)) or not isinstance(strings, Iterable):
+            raise TypeError(f"stop_strings takes a list of str, not {type(strings).__name__}")
+        data = [encode(s, f"stop_strings[{i}]") for i, s in enumerate(strings)]
         array = (ctypes.c_char_p * len(data))(*data)
         with self._using() as handle:
             self._call("SetStopStrings", self._api.SetStopStrings, handle, array, len(data))
@@ -106,7 +117,27 @@ class LlmModel(Model):
 
     @stop_token_ids.setter
     def stop_token_ids(self, ids: Iterable[int]) -> None:
-        self._set_ids("SetStopTokens", self._api.SetStopTokens, ids)
+        values = list(id_array(ids, "stop_token_ids")[0])
+        eos = self.config["eos_token_id"]
+        # The runtime refuses every later generation without it; say so now.
+        if eos != -1 and eos not in values:
+            raise ValueError(f"stop_token_ids must hold the end-of-text id {eos} (config['eos_token_id']): "
+                             f"assign [{eos}, *ids], or set config['eos_token_id'] = -1 first")
+        self._set_ids("SetStopTokens", self._api.SetStopTokens, values, "stop_token_ids")
+
+    def _check_setting(self, name: str, value: object) -> None:
+        if name == "eos_token_id" and value != -1:
+            stops = self.stop_token_ids
+            if value not in stops:
+                raise ValueError(f"eos_token_id {value} is not among stop_token_ids {stops}, which the runtime "
+                                 f"requires: add it first (model.stop_token_ids = [*model.stop_token_ids, {value}])")
+
+
+def _prompt(prompt: str) -> bytes:
+    data = encode(prompt, "prompt")
+    if not data:
+        raise ValueError("prompt is empty: the model needs at least one token to continue from")
+    return data
 
 
 class _Failed:
@@ -141,10 +172,12 @@ class TextStream(Iterator[str]):
     that came before the failure."""
 
     def __init__(self, model: LlmModel, prompt: str):
+        self._finished = True  # until the worker runs: nothing for close() or __del__ to end
         self._model = model
+        data = _prompt(prompt)
+        model.handle  # a closed model says so here, not from the worker
         self._pieces: queue.SimpleQueue = queue.SimpleQueue()
         self._stop = stop = threading.Event()
-        self._finished = False
         pieces = self._pieces
 
         def on_text(piece: bytes) -> int:
@@ -152,20 +185,26 @@ class TextStream(Iterator[str]):
             return 1 if stop.is_set() else 0
 
         self._callback = _abi.TextCallback(on_text)
-        data = encode(prompt)
         for earlier in list(model._streams):
             earlier.close()
-        # Held from here until StreamModel returns, released by the worker.
-        model._lock.acquire()
-        try:
-            handle = model.handle
-            self._worker = threading.Thread(target=_stream_worker, name="velmora-stream", daemon=True,
-                                            args=(model, handle, data, self._callback, pieces))
-            self._worker.start()
-        except BaseException:
-            model._lock.release()
-            raise
-        model._streams.add(self)
+        # From taking the lock to registering the stream a Ctrl-C must not
+        # land: the worker would run on with nothing left to stop it.
+        with _HeldInterrupt() as held:
+            # Held from here until StreamModel returns, released by the worker.
+            model._lock.acquire()
+            try:
+                handle = model.handle
+                self._worker = threading.Thread(target=_stream_worker, name="velmora-stream", daemon=True,
+                                                args=(model, handle, data, self._callback, pieces))
+                self._worker.start()
+            except BaseException:
+                model._lock.release()
+                raise
+            self._finished = False
+            model._streams.add(self)
+        if held.raised is not None:
+            self.close()
+            held.finish()
 
     def __iter__(self) -> TextStream:
         return self
@@ -173,7 +212,11 @@ class TextStream(Iterator[str]):
     def __next__(self) -> str:
         if self._finished:
             raise StopIteration
-        piece = self._pieces.get()
+        try:
+            piece = self._pieces.get()
+        except BaseException:
+            self.close()  # Ctrl-C while waiting: the generation has stopped before it goes on
+            raise
         if isinstance(piece, bytes):
             return piece.decode("utf-8", "replace")
         self._finish()
@@ -189,10 +232,12 @@ class TextStream(Iterator[str]):
         """Stops the generation if it still runs and waits for the worker."""
         if self._finished:
             return
-        self._stop.set()
-        if self._worker.is_alive():
-            self._model.cancel()
-        self._finish()
+        with _HeldInterrupt() as held:
+            self._stop.set()
+            if self._worker.is_alive():
+                self._model.cancel()
+            self._finish()
+        held.finish()
 
     def _finish(self) -> None:
         self._finished = True

@@ -10,24 +10,39 @@ import numpy as np
 
 from . import _abi
 from ._library import Library, load_library
-from ._model import Model, decode, encode, take_text
-from .config import WHISPER_SETTINGS, Config
+from ._model import Model, _HeldInterrupt, decode, encode, model_path, take_text
+from .config import SIZE, WHISPER_SETTINGS, Config
 
 SAMPLE_RATE = 16000
+# The runtime's feature extractor pads by reflection and needs more than this.
+_FEWEST_SAMPLES = 201
+TASKS = ("transcribe", "translate")
 
 
 def _samples(audio: Any) -> np.ndarray:
     """A contiguous float32 block: float samples as they are (float32 without
     a copy), 16-bit PCM scaled to [-1, 1); any other kind of sample is refused
     rather than guessed at."""
+    if isinstance(audio, (str, bytes, os.PathLike)):
+        raise TypeError(f"audio takes samples (a 1-D array), not {type(audio).__name__}; "
+                        "for a file use transcribe_file(path)")
     block = np.asarray(audio)
+    if block.dtype == object:
+        raise TypeError("audio takes numbers: floats in [-1, 1] or int16 PCM")
     if block.ndim != 1:
         raise ValueError("audio must be one channel: a 1-D array of samples")
     if block.dtype == np.int16:
         return block.astype(np.float32) / np.float32(32768)
     if block.dtype.kind != "f" and block.size:
         raise TypeError(f"audio samples must be floats in [-1, 1] or int16 PCM, not {block.dtype}")
-    return np.ascontiguousarray(block, dtype=np.float32)
+    samples = np.ascontiguousarray(block, dtype=np.float32)
+    if samples.size < _FEWEST_SAMPLES:
+        raise ValueError(f"audio holds {samples.size} samples; the model needs at least {_FEWEST_SAMPLES} "
+                         f"({_FEWEST_SAMPLES / SAMPLE_RATE * 1000:.1f} ms at 16 kHz)")
+    finite = np.isfinite(samples)
+    if not finite.all():
+        raise ValueError(f"audio holds NaN or infinite samples (the first at index {int(np.argmin(finite))})")
+    return samples
 
 
 def read_audio(path: str | os.PathLike[str]) -> np.ndarray:
@@ -53,15 +68,18 @@ class WhisperModel(Model):
 
     def __init__(self, model_dir: str | os.PathLike[str], device: str | int = "CPU", *,
                  library: Library | str | None = None):
+        self._model_dir = model_path(model_dir)
+        self._device = _abi.device_type(device)
         super().__init__(load_library(library))
-        self._init(self._api.InitModel, encode(os.fspath(model_dir)), _abi.device_type(device))
+        self._init(self._api.InitModel, encode(self._model_dir), self._device)
         self.config = Config(self, WHISPER_SETTINGS)
 
     def transcribe(self, audio: Any) -> str:
         """The text of 16 kHz mono samples: floats in [-1, 1] (a NumPy array
         of any float dtype, float32 passed without a copy, or a sequence) or
         int16 PCM. A cancel() from another thread, or Ctrl-C, ends it early
-        (Ctrl-C then raises KeyboardInterrupt)."""
+        (Ctrl-C then raises KeyboardInterrupt), taking effect when the runtime
+        next reports text: in audio without speech, only at the end."""
         block = _samples(audio)
         if block.size >= 2**31:
             raise ValueError("at most 2**31 - 1 samples per call")
@@ -81,10 +99,12 @@ class WhisperModel(Model):
         """The language map as a dict in key order; assign a mapping or an
         iterable of (language, id) pairs to replace it (a repeated language
         keeps its first id)."""
-        out, count = ctypes.c_void_p(), ctypes.c_size_t()
         with self._using() as handle:
-            self._call("GetLangToId", self._api.GetLangToId, handle, ctypes.byref(out),
-                       ctypes.byref(count))
+            return self._read_lang_to_id(handle)
+
+    def _read_lang_to_id(self, handle: ctypes.c_void_p) -> dict[str, int]:
+        out, count = ctypes.c_void_p(), ctypes.c_size_t()
+        self._call("GetLangToId", self._api.GetLangToId, handle, ctypes.byref(out), ctypes.byref(count))
         if not count.value:
             return {}
         pairs = ctypes.cast(out, ctypes.POINTER(_abi.LangIdPair))
@@ -104,13 +124,16 @@ class WhisperModel(Model):
     @lang_to_id.setter
     def lang_to_id(self, pairs: Mapping[str, int] | Iterable[tuple[str, int]]) -> None:
         items = list(pairs.items() if isinstance(pairs, Mapping) else pairs)
-        keys = [encode(language) for language, _ in items]
+        with self._using() as handle:
+            self._write_lang_to_id(handle, items)
+
+    def _write_lang_to_id(self, handle: ctypes.c_void_p, items: list[tuple[str, int]]) -> None:
+        keys = [encode(language, "lang_to_id key") for language, _ in items]
         records = (_abi.LangIdPair * len(items))()
         for record, key, (_, token) in zip(records, keys, items):
             record.language = ctypes.cast(ctypes.c_char_p(key), ctypes.c_void_p)
             record.id = int(token)
-        with self._using() as handle:
-            self._call("SetLangToId", self._api.SetLangToId, handle, records, len(items))
+        self._call("SetLangToId", self._api.SetLangToId, handle, records, len(items))
         del keys  # the records point into these bytes
 
     @property
@@ -121,7 +144,7 @@ class WhisperModel(Model):
 
     @begin_suppress_tokens.setter
     def begin_suppress_tokens(self, ids: Iterable[int]) -> None:
-        self._set_ids("SetBeginSuppressTokens", self._api.SetBeginSuppressTokens, ids)
+        self._set_ids("SetBeginSuppressTokens", self._api.SetBeginSuppressTokens, ids, "begin_suppress_tokens")
 
     @property
     def suppress_tokens(self) -> list[int]:
@@ -130,4 +153,51 @@ class WhisperModel(Model):
 
     @suppress_tokens.setter
     def suppress_tokens(self, ids: Iterable[int]) -> None:
-        self._set_ids("SetSuppressTokens", self._api.SetSuppressTokens, ids)
+        self._set_ids("SetSuppressTokens", self._api.SetSuppressTokens, ids, "suppress_tokens")
+
+    # The runtime checks these two only when transcribing; refused here they
+    # name the assignment that was wrong.
+    _resettable = ("language", "task")
+
+    def _check_setting(self, name: str, value: object) -> None:
+        if name == "language":
+            known = self.lang_to_id
+            if value not in known:
+                sample = ", ".join(list(known)[:4])
+                raise ValueError(f"language takes a token of the model's language map (lang_to_id), such as "
+                                 f"{sample or 'none: the map is empty'}; not {value!r}")
+        elif name == "task" and value not in TASKS:
+            raise ValueError(f"task takes 'transcribe' or 'translate', not {value!r}")
+
+    def _reset_setting(self, name: str) -> None:
+        """The library never makes "language" or "task" absent again, so the
+        model is loaded anew and everything else is carried over to it."""
+        lists = [("GetBeginSuppressTokens", "SetBeginSuppressTokens", "FreeBeginSuppressTokens"),
+                 ("GetSuppressTokens", "SetSuppressTokens", "FreeSuppressTokens")]
+        with _HeldInterrupt() as held, self._using() as old:
+            texts = {}
+            for other in WHISPER_SETTINGS:
+                out = ctypes.c_void_p()
+                # An absent optional setting fails to read: it stays absent.
+                if other != name and self._api.GetConfigProperty(old, encode(other), ctypes.byref(out)) == 0:
+                    texts[other] = take_text(out, self._api.FreeConfigProperty)
+                    if WHISPER_SETTINGS[other] is SIZE and int(texts[other]) >= 2**63:
+                        # Written as the negative 32-bit text it came from: stoi takes no more.
+                        texts[other] = str(int(texts[other]) - 2**64).encode()
+            languages = list(self._read_lang_to_id(old).items())
+            ids = [self._read_ids(old, get, getattr(self._api, get), getattr(self._api, free))
+                   for get, _, free in lists]
+            new = self._new_handle(self._api.InitModel, encode(self._model_dir), self._device)
+            try:
+                for other, text in texts.items():
+                    self._call("SetConfigProperty", self._api.SetConfigProperty, new, encode(other), text)
+                self._write_lang_to_id(new, languages)
+                for (_, put, _), values in zip(lists, ids):
+                    array = (ctypes.c_int64 * len(values))(*values)
+                    self._call(put, getattr(self._api, put), new, array, len(values))
+            except BaseException:
+                self._api.DestroyModel(new)
+                raise
+            self._handle = new
+            self._api.DestroyModel(old)
+        held.finish()

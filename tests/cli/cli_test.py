@@ -93,7 +93,7 @@ class Host(unittest.TestCase):
         self.assertRegex(shown, rb"\r\x1b\[Kcompiling .*tiny-llm for CPU: done in \d+\.\d\d s\r?\n")
 
     def test_version_settings_and_a_prompt_from_stdin(self):
-        self.assertRegex(run("--version").stdout, r"^velmora-host \d+\.\d+\.\d+\n$")
+        self.assertRegex(run("--version").stdout, r"^velmora-host \d+\.\d+\.\d+\nruntime: openvino-genai 20\d\d\.[\d.]+\n$")
         # Every setting the library reads by name; the context is the package's default.
         lines = tiny("--list-settings", "--set", "top_k=7").stdout.splitlines()
         self.assertTrue(len(lines) == 21 and all("=" in line for line in lines), lines)
@@ -108,20 +108,29 @@ class Host(unittest.TestCase):
         missing, tiny_llm = os.path.join(MODELS, "missing"), os.path.join(MODELS, "tiny-llm")
         whisper = ["transcribe", "--model", os.path.join(MODELS, "tiny-whisper")]
         for result, line in [
-                (run("--model", missing, PROMPT),
-                 f"cannot load model '{missing}': The provided model path is not a directory\n"),
-                (tiny("--set", "temperature=warm", PROMPT), "cannot set temperature=warm: An error occurred"),
-                (tiny("--set", "stop_criteria=early", PROMPT), "cannot set stop_criteria=early\n"),
-                (run(*whisper, "--set", "max_new_tokens=x", SPEECH), "cannot set max_new_tokens=x: An error"),
+                (run("--model", missing, PROMPT), f"cannot load model '{missing}': no such directory\n"),
                 # CompileModel has no handle; its message still reaches the host.
-                (run("compile", "--model", tiny_llm, "--context", "0"),
-                 f"cannot compile model '{tiny_llm}' for CPU: An exception occurred while compiling"),
-                (run(*whisper, __file__), f"cannot read audio '{__file__}': ")]:
+                (run("compile", "--model", MODELS), f"cannot compile model '{MODELS}' for CPU: An exception occurred"),
+                (run(*whisper, __file__), f"cannot read audio '{__file__}': the file exists, but libsndfile"),
+                (run(*whisper, missing + ".mp3"), f"cannot read audio '{missing}.mp3': no such file\n")]:
             self.assertEqual(result.returncode, 1, result.stderr)
             self.assertIn("error: " + line, result.stderr)
-        for args in (["--context", "many"], ["--set", "novalue"], ["tokenize", "--stop", "x", "a"],
-                     ["tokenize"], ["transcribe", "--stop", "x", "a.wav"]):
-            self.assertEqual(run(*args).returncode, 2, args)
+        # Usage errors: found before any model loads, told in one line and a reminder.
+        for args, line in [(["transcibe", "a.wav"], "unknown subcommand 'transcibe'; did you mean 'transcribe'?"),
+                           (["genrate"], "did you mean 'generate'?"),
+                           (["--context", "0", PROMPT], "--context takes a number of tokens from 1"),
+                           (["--set", "bogus=1", PROMPT], "--set bogus: no such LLM setting"),
+                           (["--set", "temperature=warm", PROMPT], "temperature takes a number (invalid stof"),
+                           (["--set", "stop_criteria=early", PROMPT], "stop_criteria takes EARLY, HEURISTIC or NEVER"),
+                           ([*whisper, "--set", "max_new_tokens=x", SPEECH], "max_new_tokens takes an integer"),
+                           ([*whisper, "--set", "task=say", SPEECH], "task takes transcribe or translate"),
+                           (["--context", "many"], "bad value for --context"), (["--set", "novalue"], "bad value"),
+                           (["tokenize", "--stop", "x", "a"], "--stop does not apply to tokenize"),
+                           (["tokenize", "--model", tiny_llm], "tokenize needs a text"), (["transcribe", "--stop", "x", "a.wav"], "")]:
+            result = run(*args)
+            self.assertEqual(result.returncode, 2, args)
+            self.assertIn(line, result.stderr.splitlines()[0])
+            self.assertLessEqual(len(result.stderr.splitlines()), 2, result.stderr)
 
     def test_speech_in_another_format_rate_and_channel_count(self):
         with tempfile.NamedTemporaryFile(suffix=".flac") as flac:

@@ -109,15 +109,16 @@ static class Tests
             var pieces = model.Stream(Prompt).ToList();
             That(pieces.Count > 4 && text == string.Concat(pieces), "the pieces make up " + text);
             model.StopStrings = new[] { "a", "é✓" };
-            model.StopTokenIds = new long[] { -1, 3 };
-            Equal("a|é✓ -1|3", Join(model.StopStrings) + " " + Join(model.StopTokenIds), "stop lists");
+            model.StopTokenIds = new long[] { -1, 2, 3 };  // 2, the end-of-text id, must stay
+            Equal("a|é✓ -1|2|3", Join(model.StopStrings) + " " + Join(model.StopTokenIds), "stop lists");
             model.StopStrings = new string[0];
-            model.StopTokenIds = new long[0];
-            That(model.StopStrings.Length == 0 && model.StopTokenIds.Length == 0, "emptied");
+            Throws<ArgumentException>(() => model.StopTokenIds = new long[0], "without the end-of-text id");
+            That(model.StopStrings.Length == 0 && model.StopTokenIds.Length == 3, "emptied");
             Throws<ArgumentException>(() => model.StopStrings = new[] { "a\0b" }, "embedded NUL");
             That(model.Tokenize("café ✓").Length > 1 && model.Tokenize("").Length == 0, "tokens");
             // Nothing to give back for an empty list; an empty tokenization is a buffer all the same.
-            Equal("FreeQueryResult|FreeStopStrings 2|FreeStopTokens|FreeTokens|FreeTokens", Join(releases.Calls), "releases");
+            Equal("FreeQueryResult|FreeConfigProperty|FreeStopStrings 2|FreeStopTokens|FreeConfigProperty|FreeStopTokens|FreeTokens|FreeTokens",
+                  Join(releases.Calls), "releases");
 
             // A character split between two pieces arrives whole.
             Native.StreamFn real = Library.Llm.StreamModel;
@@ -225,6 +226,24 @@ static class Tests
             That(e.Status == 2 && e.Message.StartsWith("Failed to validate config: "), "status 2: " + e.Message);
             e = Throws<VelmoraException>(() => model.Stream(Prompt).ToList(), "stream");
             That(e.Status == 1 && e.Message.StartsWith("Failed to validate config: "), "stream failure: " + e.Message);
+            // The runtime's sentence, in one line, without the source place of its check.
+            That(!e.Message.Contains("failed at") && e.LibraryMessage.Contains("failed at"), "one line: " + e.Message);
+
+            // Foreseeable mistakes are refused before the library, naming the argument.
+            Equal("prompt", Throws<ArgumentException>(() => model.Generate(""), "empty prompt").ParamName, "empty prompt");
+            Throws<ArgumentException>(() => model.Settings["eos_token_id"] = "7", "end-of-text id not a stop id");
+            var missing = Path.Combine(models, "missing");
+            That(Throws<DirectoryNotFoundException>(() => new WhisperModel(missing), "missing").Message.Contains("'" + missing + "' does not exist"),
+                 "the missing directory named");
+            e = Throws<VelmoraException>(() => new WhisperModel(models), "no model files");
+            That(e.Message.StartsWith("cannot load model '" + models + "': ") && !e.Message.Contains("\n") && e.LibraryMessage.Contains("\n"),
+                 "one line naming the directory: " + e.Message);
+            // A cancel just as the generation starts is not forgotten.
+            model.Settings["num_return_sequences"] = "1";
+            model.Settings["max_new_tokens"] = "50000";
+            model.Settings["ignore_eos"] = "true";
+            using (var source = new CancellationTokenSource(TimeSpan.FromMilliseconds(1)))
+                That(model.Generate(Prompt, source.Token).Length < 5000, "cancelled at the start");
         }
     }
 
@@ -244,6 +263,10 @@ static class Tests
             Equal("9|3|9 ", Join(model.SuppressTokens) + " " + Join(model.BeginSuppressTokens), "suppress lists");
             Equal(1, releases.Count("FreeSuppressTokens"), "ids released, nothing for an empty list");
 
+            Throws<ArgumentException>(() => model.Settings["language"] = "<|en|>", "no longer in the map");
+            Throws<ArgumentException>(() => model.Settings["task"] = "transcribe it", "not a task");
+            Throws<ArgumentException>(() => model.Transcribe(new float[200]), "too short");
+            Throws<ArgumentException>(() => model.Transcribe(new float[] { 0, float.NaN }.Concat(new float[300]).ToArray()), "NaN");
             model.Settings.Set("max_new_tokens", 400L);  // the random model never ends on its own
             var silence = new float[16000];
             string full = model.Transcribe(silence);

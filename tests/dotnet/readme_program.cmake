@@ -16,9 +16,15 @@ get_filename_component(built ${LIBRARY} DIRECTORY)
 file(CREATE_LINK ${built}/velmora-runtime ${WORK}/lib/velmora-runtime SYMBOLIC)
 execute_process(COMMAND ${MCS} -nologo -warnaserror -r:${WORK}/bin/Velmora.dll -out:${WORK}/bin/Example.exe ${sample}
                 COMMAND_ERROR_IS_FATAL ANY)
-# The sentence and recipe of the host test of real speech, as a 16-bit WAV.
-execute_process(COMMAND espeak-ng --stdout "Please call Stella and ask her to bring these things."
-                COMMAND sox -t wav - -r 16000 -c 1 -b 16 ${WORK}/speech.wav COMMAND_ERROR_IS_FATAL ANY)
+# Input is checked before any model loads.
+execute_process(COMMAND ${MONO} ${WORK}/bin/Example.exe ${MODELS}/smollm2 ${MODELS}/whisper-base ${WORK}/missing.wav
+                ERROR_VARIABLE refused RESULT_VARIABLE status)
+if(NOT status EQUAL 2 OR NOT refused MATCHES "^cannot read .*missing.wav: " OR refused MATCHES "Initializing")
+  message(FATAL_ERROR "expected a missing WAV refused before loading, got ${status}: ${refused}")
+endif()
+# The sentence of the host test of real speech, as espeak-ng writes it (22.05 kHz, as the main README makes it).
+execute_process(COMMAND espeak-ng -w ${WORK}/speech.wav "Please call Stella and ask her to bring these things."
+                COMMAND_ERROR_IS_FATAL ANY)
 execute_process(COMMAND ${MONO} ${WORK}/bin/Example.exe ${MODELS}/smollm2 ${MODELS}/whisper-base ${WORK}/speech.wav
                 OUTPUT_VARIABLE output RESULT_VARIABLE failed)
 message("${output}")

@@ -3,7 +3,11 @@
 #include <samplerate.h>
 #include <sndfile.h>
 
+#include <cerrno>
 #include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
 #include <memory>
 
 namespace cli {
@@ -49,7 +53,15 @@ bool ReadSpeech(const std::string& path, std::vector<float>& samples, std::strin
     SF_INFO info = {};
     std::unique_ptr<SNDFILE, SndfileCloser> file(sf_open(path.c_str(), SFM_READ, &info));
     if (!file) {
-        error = sf_strerror(nullptr);
+        // libsndfile blames a missing file for any format it cannot open.
+        std::error_code failure;
+        if (!std::filesystem::is_regular_file(path, failure))
+            error = "no such file";
+        else if (FILE* readable = std::fopen(path.c_str(), "rb"))
+            std::fclose(readable), error = std::string("the file exists, but ") + sf_version_string() +
+                                           " cannot decode it (not audio in a format it knows, or damaged)";
+        else
+            error = "cannot open the file: " + std::string(std::strerror(errno));
         return false;
     }
     if (info.channels < 1 || info.samplerate < 1) {

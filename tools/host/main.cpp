@@ -38,6 +38,28 @@ std::string DefaultLibrary(const char* argv0) {
     return (top / "lib" / VELMORA_LIBRARY_NAME).string();
 }
 
+// The runtime the library uses is the one in velmora-runtime/ beside it; its
+// version is in the name of the runtime package's metadata directory.
+std::string RuntimeVersion(const std::string& library) {
+    std::error_code error;
+    const auto lib = std::filesystem::path(library).parent_path() / "velmora-runtime" / "lib";
+    for (const auto& python : std::filesystem::directory_iterator(lib, error))
+        for (const auto& entry : std::filesystem::directory_iterator(python.path() / "site-packages", error)) {
+            const std::string name = entry.path().filename().string(), prefix = "openvino_genai-",
+                              suffix = ".dist-info";
+            if (name.rfind(prefix, 0) == 0 && name.size() > prefix.size() + suffix.size() &&
+                name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0)
+                return "openvino-genai " + name.substr(prefix.size(), name.size() - prefix.size() - suffix.size());
+        }
+    return "unknown: no velmora-runtime/ beside " + library;
+}
+
+int UsageFailure(const char* program, const std::string& error) {
+    std::fprintf(stderr, "error: %s\nusage: %s [generate|tokenize|compile|transcribe] [OPTIONS] OPERANDS (--help for more)\n",
+                 error.c_str(), program);
+    return kUsage;
+}
+
 }  // namespace cli
 
 int main(int argc, char** argv) {
@@ -46,12 +68,25 @@ int main(int argc, char** argv) {
     std::string error, info;
     if (!ParseArguments(argc, argv, options, error, info)) {
         if (error.empty()) return std::fputs(info.c_str(), stdout), kOk;
-        std::fprintf(stderr, "error: %s\n%s", error.c_str(), Usage(argv[0]).c_str());
-        return kUsage;
+        return UsageFailure(argv[0], error);
     }
     const Subcommand& sub = SubcommandOf(options.command);
     if (options.library.empty()) options.library = DefaultLibrary(argv[0]);
-    if (options.model.empty()) options.model = std::string("models/") + sub.defaultModel;
+    if (options.version) {
+        std::printf("velmora-host %s\nruntime: %s\n", VELMORA_VERSION, RuntimeVersion(options.library).c_str());
+        return kOk;
+    }
+    if (!CheckOptions(options, error)) return UsageFailure(argv[0], error);
+    const bool defaultModel = options.model.empty();
+    if (defaultModel) options.model = std::string("models/") + sub.defaultModel;
+    std::error_code missing;
+    if (!std::filesystem::is_directory(options.model, missing)) {
+        std::fprintf(stderr, "error: cannot load model '%s': no such directory%s\n", options.model.c_str(),
+                     defaultModel ? " (default models are looked for below the working directory; name one with "
+                                    "--model DIR)"
+                                  : "");
+        return kFailed;
+    }
 
     Library library(options.library);
     if (!library.ok()) {

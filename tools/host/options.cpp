@@ -6,10 +6,15 @@
 #include <cstring>
 #include <strings.h>
 
+#include <algorithm>
+#include <exception>
 #include <iterator>
 
 #include "commands.h"
+#include "core/value_text.h"
+#include "llm/llm_settings.h"
 #include "report.h"
+#include "whisper/whisper_settings.h"
 
 namespace cli {
 namespace {
@@ -89,7 +94,90 @@ const Option* FindOption(const char* name) {
     return nullptr;
 }
 
+// Levenshtein distance, for "did you mean".
+size_t Distance(const std::string& a, const std::string& b) {
+    std::vector<size_t> row(b.size() + 1);
+    for (size_t j = 0; j <= b.size(); ++j) row[j] = j;
+    for (size_t i = 1; i <= a.size(); ++i) {
+        size_t diagonal = row[0];
+        row[0] = i;
+        for (size_t j = 1; j <= b.size(); ++j) {
+            const size_t above = row[j];
+            row[j] = std::min({row[j] + 1, row[j - 1] + 1, diagonal + (a[i - 1] != b[j - 1])});
+            diagonal = above;
+        }
+    }
+    return row[b.size()];
+}
+
+// A first operand one or two edits from a subcommand is a typo, not a prompt
+// (a prompt of several words comes quoted, with blanks).
+const char* Misspelt(const char* word) {
+    if (word[0] == '-' || std::strchr(word, ' ') != nullptr) return nullptr;
+    for (const Subcommand& sub : kSubcommands)
+        if (Distance(word, sub.name) <= 2) return sub.name;
+    return nullptr;
+}
+
+// Whether `value` converts as the library converts it for this row; `why` says
+// what the setting takes otherwise.
+template <class Row>
+bool Converts(const Row& row, const std::string& value, std::string& why) {
+    try {
+        switch (row.kind()) {
+            case velmora::SettingKind::Size:
+                velmora::ParseInteger(value, velmora::IntegerParse::Stoi);
+                return true;
+            case velmora::SettingKind::Integer:
+                velmora::ParseInteger(value, velmora::IntegerParse::Stol);
+                return true;
+            case velmora::SettingKind::Float:
+                velmora::ParseFloat(value);
+                return true;
+            case velmora::SettingKind::StopCriteria:
+                if (velmora::ParseStopCriteria(value)) return true;
+                return why = "EARLY, HEURISTIC or NEVER", false;
+            case velmora::SettingKind::Text:
+                // The runtime refuses any other task, but only once transcribing.
+                if (std::strcmp(row.name, "task") != 0 || value == "transcribe" || value == "translate") return true;
+                return why = "transcribe or translate", false;
+            default:
+                return true;
+        }
+    } catch (const std::exception& failure) {
+        const bool integer = row.kind() != velmora::SettingKind::Float;
+        why = std::string(integer ? "an integer" : "a number") + " (" + failure.what() + ")";
+        return false;
+    }
+}
+
+template <class Row, size_t N>
+bool CheckSettings(const Row (&rows)[N], const char* family, const Options& options, std::string& error) {
+    for (const auto& [name, value] : options.settings) {
+        const Row* row = std::find_if(rows, rows + N, [&](const Row& r) { return r.byName && name == r.name; });
+        if (row == rows + N) {
+            error = "--set " + name + ": no such " + family + " setting (--list-settings shows them)";
+            return false;
+        }
+        std::string why;
+        if (!Converts(*row, value, why)) {
+            error = "--set " + name + "=" + value + ": " + name + " takes " + why;
+            return false;
+        }
+    }
+    return true;
+}
+
 }  // namespace
+
+bool CheckOptions(const Options& options, std::string& error) {
+    if ((options.command & kLlm) != 0 && options.context < 1) {
+        error = "--context takes a number of tokens from 1 to 2147483647, not " + std::to_string(options.context);
+        return false;
+    }
+    return options.command == kTranscribe ? CheckSettings(velmora::whisper::kSettings, "Whisper", options, error)
+                                          : CheckSettings(velmora::llm::kSettings, "LLM", options, error);
+}
 
 bool ParseArguments(int argc, char** argv, Options& options, std::string& error, std::string& info) {
     int i = 1;
@@ -100,6 +188,11 @@ bool ParseArguments(int argc, char** argv, Options& options, std::string& error,
                 ++i;
                 break;
             }
+    if (i == 1 && i < argc)
+        if (const char* meant = Misspelt(argv[1])) {
+            error = std::string("unknown subcommand '") + argv[1] + "'; did you mean '" + meant + "'?";
+            return false;
+        }
     const char* commandName = SubcommandOf(options.command).name;
     bool operandsOnly = false;
     for (; i < argc; ++i) {
@@ -118,9 +211,8 @@ bool ParseArguments(int argc, char** argv, Options& options, std::string& error,
             return false;
         }
         if (std::strcmp(arg, "--version") == 0) {
-            error.clear();
-            info = "velmora-host " VELMORA_VERSION "\n";
-            return false;
+            options.version = true;
+            return true;
         }
         const Option* option = FindOption(arg);
         if (option == nullptr) {
@@ -168,9 +260,11 @@ std::string Usage(const char* program) {
         std::snprintf(line, sizeof line, "  %-24s %s [%s]\n", left.c_str(), option.help, usedBy.c_str());
         text += line;
     }
-    text += "  --version                print the version\n"
+    text += "  --version                print the version and the runtime's\n"
             "\nA PROMPT or TEXT of \"-\" is read from standard input (without its final newline).\n"
-            "Ctrl-C stops a generation or transcription; what came so far is printed and the exit status is 130.\n";
+            "Ctrl-C stops a generation at its next token, a transcription when the runtime next reports text;\n"
+            "what came so far is printed and the exit status is 130.\n"
+            "Default models are looked for in models/ below the working directory; --model DIR names another.\n";
     return text;
 }
 

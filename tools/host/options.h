@@ -34,13 +34,19 @@ struct Options {
     std::vector<int64_t> stopIds;
     bool stats = false;
     bool listSettings = false;
+    bool version = false;
     std::vector<std::string> words;  // prompt, text to tokenize or audio file
 };
 
 // Fills `options` from argv. On a usage error returns false with `error` set.
-// "--help" and "--version" return false with an empty `error` and `info` set
-// to what to print.
+// "--help" returns false with an empty `error` and `info` set to what to print;
+// "--version" sets `version` and stops.
 bool ParseArguments(int argc, char** argv, Options& options, std::string& error, std::string& info);
+
+// Checks what can be judged before a model loads: each --set against the
+// library's own table of the subcommand's family (name, and a value its
+// conversion takes), and the context length. False with `error` set.
+bool CheckOptions(const Options& options, std::string& error);
 
 std::string Usage(const char* program);
 

@@ -34,7 +34,12 @@ int RunTranscribe(const Options& options, Library& library) {
     if (options.listSettings) return ListSettings(api, handle, velmora::whisper::kSettings), kOk;
 
     char* text = nullptr;
-    CancelOnInterrupt cancel([&api, handle] { api.CancelModel(handle); });
+    CancelOnInterrupt cancel([&api, handle] {
+        // The runtime reports nothing while it hears no speech, and a cancel is
+        // seen only when it next reports text.
+        Progress::Note("stopping at the next text the runtime reports (at the end, for audio without speech)");
+        api.CancelModel(handle);
+    });
     const auto start = std::chrono::steady_clock::now();
     if (api.QueryModel(handle, samples.data(), static_cast<int32_t>(samples.size()), &text) != 0)
         return Fail("cannot transcribe '" + options.words[0] + "'");

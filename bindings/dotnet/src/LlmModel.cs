@@ -16,22 +16,46 @@ namespace Velmora
         /// <param name="contextLength">Becomes the default max_new_tokens (and, on the NPU, the longest prompt).</param>
         public LlmModel(string modelDir, Device device = Device.Cpu, int contextLength = 256)
         {
-            byte[] path = Text.Encode(modelDir, "modelDir");
+            byte[] path = ModelCore.ModelPath(modelDir);
             api = Library.Llm;
             core = new ModelCore(Family.Llm, api, "LlmModel");
-            core.Init((ref HostCallbacks callbacks, out IntPtr handle) => api.InitModel(path, (int)device, contextLength, out handle, ref callbacks));
+            core.CheckSetting = CheckSetting;
+            core.Init(modelDir, (ref HostCallbacks callbacks, out IntPtr handle) => api.InitModel(path, (int)device, contextLength, out handle, ref callbacks));
         }
 
         public Settings Settings { get { return core.Settings; } }
 
         /// <summary>The generated text. A <see cref="Cancel"/> from another thread ends it early with the
         /// text so far. Status 2/3 means the settings failed validation, 4/5 the generation failed.</summary>
-        public string Generate(string prompt)
+        public string Generate(string prompt) { return Generate(prompt, CancellationToken.None); }
+
+        /// <summary>The generated text; cancelling the token ends it early with the text so far, even
+        /// when it is cancelled just as the generation starts (a lone <see cref="Cancel"/> then is
+        /// forgotten by the run).</summary>
+        public string Generate(string prompt, CancellationToken cancellationToken)
+        {
+            byte[] data = Prompt(prompt);
+            if (cancellationToken.IsCancellationRequested) return "";
+            IntPtr text = IntPtr.Zero;
+            using (ModelCore.Scope s = core.Use())
+            using (Canceller.Repeating(api.CancelModel, s.Raw, cancellationToken))
+                Family.Check("QueryModel", api.QueryModel(s.Raw, data, out text));
+            return Text.TakeText(text, api.FreeQueryResult);
+        }
+
+        static byte[] Prompt(string prompt)
         {
             byte[] data = Text.Encode(prompt, "prompt");
-            IntPtr text = IntPtr.Zero;
-            using (ModelCore.Scope s = core.Use()) Family.Check("QueryModel", api.QueryModel(s.Raw, data, out text));
-            return Text.TakeText(text, api.FreeQueryResult);
+            if (data.Length == 1) throw new ArgumentException("prompt is empty: the model needs at least one token to continue from", "prompt");
+            return data;
+        }
+
+        void CheckSetting(string name, string value)
+        {
+            long eos;
+            if (name != "eos_token_id" || !long.TryParse(value, out eos) || eos == -1) return;
+            if (Array.IndexOf(StopTokenIds, eos) < 0)
+                throw new ArgumentException("eos_token_id " + eos + " is not among StopTokenIds, which the runtime requires: add it first", "value");
         }
 
         /// <summary>The pieces of the generation as they arrive, generated on a worker thread. Leaving the
@@ -40,7 +64,7 @@ namespace Velmora
         /// generates anew.</summary>
         public IEnumerable<string> Stream(string prompt, CancellationToken cancellationToken = default(CancellationToken))
         {
-            byte[] data = Text.Encode(prompt, "prompt");
+            byte[] data = Prompt(prompt);
             core.ThrowIfDisposed();
             return new TextStream(core, api, data, cancellationToken);
         }
@@ -92,7 +116,16 @@ namespace Velmora
         public long[] StopTokenIds
         {
             get { return core.GetIds("GetStopTokens", api.GetStopTokens, api.FreeStopTokens); }
-            set { core.SetIds("SetStopTokens", api.SetStopTokens, value); }
+            set
+            {
+                if (value == null) throw new ArgumentNullException("value");
+                long eos = core.Settings.GetInt64("eos_token_id");
+                // The runtime refuses every later generation without it; say so now.
+                if (eos != -1 && Array.IndexOf(value, eos) < 0)
+                    throw new ArgumentException("StopTokenIds must hold the end-of-text id " + eos + " (Settings[\"eos_token_id\"]); "
+                                                + "include it, or set eos_token_id to -1 first", "value");
+                core.SetIds("SetStopTokens", api.SetStopTokens, value);
+            }
         }
 
         /// <summary>For the NPU, compiles the model into a ".blob" beside its files; for CPU and GPU,

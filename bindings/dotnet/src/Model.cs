@@ -45,6 +45,28 @@ namespace Velmora
 
         internal void Fire() { lock (sync) if (!over) cancel(raw); }
         internal void End() { lock (sync) over = true; }
+
+        /// <summary>Cancels the run whenever the token is cancelled, repeating until disposed: the library
+        /// forgets a cancel that lands before its run has begun.</summary>
+        internal static IDisposable Repeating(Native.HandleFn cancel, IntPtr raw, CancellationToken token)
+        {
+            var canceller = new Canceller(cancel, raw);
+            var repeat = new Timer(_ => canceller.Fire());
+            CancellationTokenRegistration registration = token.Register(() => repeat.Change(0, 20));
+            return new Ending(() =>
+            {
+                canceller.End();
+                registration.Dispose();
+                repeat.Dispose();
+            });
+        }
+
+        sealed class Ending : IDisposable
+        {
+            readonly Action end;
+            internal Ending(Action end) { this.end = end; }
+            public void Dispose() { end(); }
+        }
     }
 
     internal sealed class ModelCore
@@ -68,9 +90,19 @@ namespace Velmora
 
         internal delegate int InitFn(ref HostCallbacks callbacks, out IntPtr handle);
 
+        /// <summary>The model directory, refused in one line naming it before the library sees it.</summary>
+        internal static byte[] ModelPath(string modelDir)
+        {
+            byte[] path = Text.Encode(modelDir, "modelDir");
+            if (!System.IO.Directory.Exists(modelDir))
+                throw new System.IO.DirectoryNotFoundException("cannot load model: '" + System.IO.Path.GetFullPath(modelDir) + "' "
+                    + (System.IO.File.Exists(modelDir) ? "is not a directory" : "does not exist"));
+            return path;
+        }
+
         /// <summary>Runs the family's InitModel. It replaces the family's callback pair, so it runs
         /// alone among the family's slots.</summary>
-        internal void Init(InitFn init)
+        internal void Init(string modelDir, InitFn init)
         {
             Family.Lock.EnterWriteLock();
             try
@@ -78,7 +110,11 @@ namespace Velmora
                 IntPtr raw;
                 HostCallbacks callbacks = Family.Callbacks;
                 Family.Begin();
-                Family.Check("InitModel", init(ref callbacks, out raw));
+                try { Family.Check("InitModel", init(ref callbacks, out raw)); }
+                catch (VelmoraException e)
+                {
+                    throw new VelmoraException(e.Operation, e.Status, e.LibraryMessage, "cannot load model '" + modelDir + "'");
+                }
                 Family.Initialised = true;
                 Handle.Attach(raw);
             }
@@ -163,9 +199,14 @@ namespace Velmora
             return Text.TakeText(value, Slots.FreeConfigProperty);
         }
 
+        /// <summary>Refuses a value the runtime is known to refuse at the next run, while the caller
+        /// still knows which assignment it was.</summary>
+        internal Action<string, string> CheckSetting = (name, value) => { };
+
         internal void SetProperty(string name, string value)
         {
             byte[] key = Text.Encode(name, "name"), text = Text.Encode(value, "value");
+            CheckSetting(name, value);
             using (Scope s = Use()) Family.Check("SetConfigProperty", Slots.SetConfigProperty(s.Raw, key, text));
         }
 

@@ -15,34 +15,44 @@ namespace Velmora
 
         public WhisperModel(string modelDir, Device device = Device.Cpu)
         {
-            byte[] path = Text.Encode(modelDir, "modelDir");
+            byte[] path = ModelCore.ModelPath(modelDir);
             api = Library.Whisper;
             core = new ModelCore(Family.Whisper, api, "WhisperModel");
-            core.Init((ref HostCallbacks callbacks, out IntPtr handle) => api.InitModel(path, (int)device, out handle, ref callbacks));
+            core.CheckSetting = CheckSetting;
+            core.Init(modelDir, (ref HostCallbacks callbacks, out IntPtr handle) => api.InitModel(path, (int)device, out handle, ref callbacks));
         }
 
         public Settings Settings { get { return core.Settings; } }
 
+        /// <summary>The runtime pads by reflection and needs more samples than this.</summary>
+        public const int FewestSamples = 201;
+
         /// <summary>The text of 16 kHz mono samples in [-1, 1]. Cancelling the token (or
-        /// <see cref="Cancel"/>) ends it early with the text so far.</summary>
+        /// <see cref="Cancel"/>) ends it early with the text so far; it takes effect when the runtime next
+        /// reports text, which in audio without speech is only at the end.</summary>
         public string Transcribe(float[] samples, CancellationToken cancellationToken = default(CancellationToken))
         {
             if (samples == null) throw new ArgumentNullException("samples");
+            if (samples.Length < FewestSamples)
+                throw new ArgumentException("samples holds " + samples.Length + " samples; the model needs at least " + FewestSamples, "samples");
+            for (int i = 0; i < samples.Length; i++)
+                if (float.IsNaN(samples[i]) || float.IsInfinity(samples[i]))
+                    throw new ArgumentException("samples holds NaN or infinite values (the first at index " + i + ")", "samples");
             if (cancellationToken.IsCancellationRequested) return "";
             IntPtr text = IntPtr.Zero;
             using (ModelCore.Scope s = core.Use())
-            {
-                var canceller = new Canceller(api.CancelModel, s.Raw);
-                // The library forgets a cancel that lands before its run has begun, so a cancelled
-                // token keeps cancelling until the run returns.
-                using (var repeat = new Timer(_ => canceller.Fire()))
-                using (cancellationToken.Register(() => repeat.Change(0, 20)))
-                {
-                    try { Family.Check("QueryModel", api.QueryModel(s.Raw, samples, samples.Length, out text)); }
-                    finally { canceller.End(); }
-                }
-            }
+            using (Canceller.Repeating(api.CancelModel, s.Raw, cancellationToken))
+                Family.Check("QueryModel", api.QueryModel(s.Raw, samples, samples.Length, out text));
             return Text.TakeText(text, api.FreeQueryResult);
+        }
+
+        // The runtime checks these two only when transcribing.
+        void CheckSetting(string name, string value)
+        {
+            if (name == "task" && value != "transcribe" && value != "translate")
+                throw new ArgumentException("task takes \"transcribe\" or \"translate\", not \"" + value + "\"", "value");
+            if (name == "language" && !LanguageMap.ContainsKey(value))
+                throw new ArgumentException("language takes a token of LanguageMap such as \"<|en|>\", not \"" + value + "\"", "value");
         }
 
         /// <summary>Asks a running transcription to stop. Any thread; never blocks; does nothing on a

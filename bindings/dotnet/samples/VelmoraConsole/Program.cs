@@ -12,10 +12,16 @@ static class Example
     {
         if (args.Length != 3)
         {
-            Console.Error.WriteLine("usage: Example LLM_DIR WHISPER_DIR AUDIO.wav (16 kHz, 16-bit or float)");
+            Console.Error.WriteLine("usage: Example LLM_DIR WHISPER_DIR AUDIO.wav (16-bit PCM or float, any rate)");
             return 2;
         }
-        // Library.Load("/opt/velmora/lib/Tarvik.Velmora.Framework.OpenVINOBindings.so");  // if not in ../lib
+        float[] speech;
+        try { speech = ReadWav(args[2]); }  // before any model loads: a bad file costs nothing
+        catch (Exception e) when (e is IOException || e is InvalidDataException || e is UnauthorizedAccessException)
+        {
+            Console.Error.WriteLine("cannot read " + args[2] + ": " + e.Message);
+            return 2;
+        }
         Library.Log += (sender, e) => Console.Error.WriteLine("[" + e.Family + "] " + e.Message);
         try
         {
@@ -34,18 +40,19 @@ static class Example
             using (var whisper = new WhisperModel(args[1]))
             {
                 whisper.Settings["language"] = "<|en|>";
-                Console.WriteLine("Heard: " + whisper.Transcribe(ReadWav(args[2])).Trim());
+                Console.WriteLine("Heard: " + whisper.Transcribe(speech).Trim());
             }
             return 0;
         }
-        catch (VelmoraException e)
+        catch (Exception e) when (e is VelmoraException || e is DirectoryNotFoundException)
         {
-            Console.Error.WriteLine(e.Operation + " failed (status " + e.Status + "): " + e.Message);
+            Console.Error.WriteLine(e.Message);
             return 1;
         }
     }
 
-    // 16 kHz PCM (16-bit) or IEEE float (32-bit) WAV; channels are averaged to mono.
+    // PCM (16-bit) or IEEE float (32-bit) WAV at any rate; channels are averaged to mono and the
+    // result resampled to the 16 kHz the model takes.
     static float[] ReadWav(string path)
     {
         using (var reader = new BinaryReader(File.OpenRead(path)))
@@ -70,19 +77,42 @@ static class Example
                 else if (id == "data")
                 {
                     bool pcm16 = format == 1 && bits == 16, float32 = format == 3 && bits == 32;
-                    if (rate != 16000 || channels < 1 || !(pcm16 || float32))
-                        throw new InvalidDataException("need 16 kHz, 16-bit PCM or 32-bit float (sox in.wav -r 16000 -b 16 out.wav)");
-                    var samples = new float[size / (bits / 8) / channels];
-                    for (int i = 0; i < samples.Length; i++)
+                    if (rate < 1 || channels < 1 || !(pcm16 || float32))
+                        throw new InvalidDataException("need 16-bit PCM or 32-bit float (sox in.wav -b 16 out.wav)");
+                    // espeak-ng and many tools write 0xFFFFFFFF or too much when streaming: read what is there.
+                    long frames = Math.Min((uint)size, reader.BaseStream.Length - reader.BaseStream.Position) / (bits / 8) / channels;
+                    var samples = new float[frames];
+                    for (long i = 0; i < frames; i++)
                     {
                         float sum = 0;
                         for (int c = 0; c < channels; c++) sum += pcm16 ? reader.ReadInt16() / 32768f : reader.ReadSingle();
                         samples[i] = sum / channels;
                     }
-                    return samples;
+                    return Resample(samples, rate, 16000);
                 }
                 else reader.ReadBytes(size + (size & 1));
             }
         }
+    }
+
+    // Windowed-sinc interpolation, low-passed below the lower Nyquist frequency; enough for speech.
+    static float[] Resample(float[] input, int from, int to)
+    {
+        if (from == to) return input;
+        double ratio = (double)to / from, cutoff = Math.Min(1.0, ratio);
+        const int half = 16;
+        var output = new float[(long)(input.Length * ratio)];
+        for (long n = 0; n < output.Length; n++)
+        {
+            double center = n / ratio, sum = 0;
+            for (long k = (long)center - half + 1; k <= (long)center + half; k++)
+            {
+                if (k < 0 || k >= input.Length) continue;
+                double x = (center - k) * cutoff, window = 0.5 + 0.5 * Math.Cos(Math.PI * (center - k) / half);
+                sum += input[k] * cutoff * (x == 0 ? 1 : Math.Sin(Math.PI * x) / (Math.PI * x)) * window;
+            }
+            output[n] = (float)sum;
+        }
+        return output;
     }
 }
