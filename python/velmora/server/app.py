@@ -248,10 +248,10 @@ def create_app(options: Options, on_load_failure: Callable[[], None] = lambda: N
         try:
             slot.apply(settings, body.stops())
         except PropertyError as refused:
-            raise ApiError(400, refused.message, param=_PARAMS.get(refused.message.split()[-1])) from None
+            raise ApiError(400, refused.message, code="invalid_value") from None
         except (TypeError, ValueError) as refused:
             name = str(refused).split()[0]
-            raise ApiError(400, str(refused), param=_PARAMS.get(name, "stop")) from None
+            raise ApiError(400, str(refused), param=_PARAMS.get(name, "stop"), code="invalid_value") from None
         stream = model.stream(text)
         try:
             first = _next_piece(stream)
@@ -344,7 +344,9 @@ def create_app(options: Options, on_load_failure: Callable[[], None] = lambda: N
     @app.get("/v1/models", dependencies=[Depends(authorize)])
     async def models() -> dict[str, Any]:
         created = int(time.time())
-        return {"object": "list", "data": [{"id": name, "object": "model", "created": created, "owned_by": "velmora"}
+        # "task" is ours, beside the API's fields: what the page offers each model for.
+        return {"object": "list", "data": [{"id": name, "object": "model", "created": created, "owned_by": "velmora",
+                                            "task": "chat" if name in options.llm else "transcription"}
                                            for name in [*options.llm, *options.whisper]]}
 
     @app.post("/v1/chat/completions", dependencies=[Depends(authorize)])
