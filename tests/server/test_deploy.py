@@ -63,19 +63,24 @@ def test_page_in_a_browser(serve, models, request):
         options.add_argument(flag)
     options.binary_location = "/usr/bin/chromium"
     service = webdriver.ChromeService(executable_path="/usr/bin/chromedriver")
-    with serve("--llm", models / "tiny-llm", "--max-tokens", 24) as (url, _):
+    with serve("--llm", models / "tiny-llm", "--max-tokens", 100) as (url, _):
         browser = webdriver.Chrome(options=options, service=service)
         try:
             browser.get(url)
             WebDriverWait(browser, 30).until(lambda b: b.find_element(By.ID, "llm").get_attribute("value"))
             browser.find_element(By.ID, "question").send_keys("What is the capital of France?")
             browser.find_element(By.ID, "send").click()
-            answer = WebDriverWait(browser, 60).until(
-                lambda b: [p.text for p in b.find_elements(By.CSS_SELECTOR, "#log p.answer") if p.text])
-            # The page shows the pieces as they come: the text grows while it streams.
-            assert answer[0].strip()
-            WebDriverWait(browser, 60).until(lambda b: b.find_element(By.ID, "stop").get_attribute("disabled"))
-            assert len(browser.find_element(By.CSS_SELECTOR, "#log p.answer").text) >= len(answer[0])
+            def answer(b):
+                return "".join(p.text for p in b.find_elements(By.CSS_SELECTOR, "#log p.answer"))
+
+            def streaming(b):
+                return b.find_element(By.ID, "stop").get_attribute("disabled") is None
+
+            # Text on the page while the answer is still streaming, then more of it.
+            partial = WebDriverWait(browser, 60, poll_frequency=0.05).until(
+                lambda b: (text := answer(b)) and streaming(b) and text)
+            WebDriverWait(browser, 120).until(lambda b: not streaming(b))
+            assert answer(browser).startswith(partial) and len(answer(browser)) > len(partial)
             browser.save_screenshot(str(Path(request.config.getoption("--artifacts")) / "server-page.png"))
         finally:
             browser.quit()
