@@ -166,8 +166,7 @@ def create_app(options: Options, on_load_failure: Callable[[], None] = lambda: N
             for slot in pool.handles:
                 slot.model.close()
 
-    app = FastAPI(title="velmora", lifespan=lifespan, docs_url=None,
-                  redoc_url=None)
+    app = FastAPI(title="velmora", lifespan=lifespan, docs_url=None, redoc_url=None)
     app.add_middleware(_BodyLimit, limit=options.max_body_bytes)
     app.add_middleware(metrics.middleware)
 
@@ -191,6 +190,11 @@ def create_app(options: Options, on_load_failure: Callable[[], None] = lambda: N
             if error.status_code == 413 else str(error.detail)
         return ApiError(error.status_code, message, code=kinds.get(error.status_code),
                         headers=getattr(error, "headers", None)).response()
+
+    @app.exception_handler(VelmoraError)
+    async def library_failed(request: Request, error: VelmoraError) -> JSONResponse:
+        log.error("%s", error)
+        return ApiError(500, error.message or str(error), "server_error").response()
 
     @app.exception_handler(Exception)
     async def failed(request: Request, error: Exception) -> JSONResponse:
