@@ -16,6 +16,7 @@ from importlib import resources
 from typing import Any, Callable, Literal, Optional
 
 import anyio
+import numpy as np
 from anyio import to_thread
 from fastapi import Depends, FastAPI, File, Form, Request, UploadFile
 from fastapi.exceptions import RequestValidationError
@@ -441,6 +442,8 @@ class _WhisperSlot:
         self._directory, self._options = directory, options
         self.model = WhisperModel(directory, options.device, library=options.library)
         self._languages = set(self.model.lang_to_id)
+        # First use while loading, as for the LLM handles (see LlmSlot).
+        self.model.transcribe(np.zeros(1600, np.float32))
         self._language: Optional[str] = None
 
     def transcribe(self, samples: Any, language: Optional[str]) -> str:

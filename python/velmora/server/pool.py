@@ -49,6 +49,10 @@ class LlmSlot:
     default_stops: list[str] = field(default_factory=list)
 
     def __post_init__(self) -> None:
+        # The runtime's binding sets up its array support on first use, and
+        # two threads doing that at once deadlock (seen with two handles
+        # tokenizing together): the first use happens here, while loading.
+        self.model.tokenize("warm up")
         self.defaults = {name: self.model.config.text(name) for name in REQUEST_SETTINGS}
         self.default_stops = self.model.stop_strings
 
