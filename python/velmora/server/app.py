@@ -1,0 +1,511 @@
+"""The FastAPI application: OpenAI's chat, completion and transcription
+endpoints, models, health, Prometheus metrics and the chat page."""
+from __future__ import annotations
+
+import asyncio
+import hmac
+import json
+import logging
+import os
+import tempfile
+import time
+import uuid
+from contextlib import asynccontextmanager
+from dataclasses import dataclass, field
+from importlib import resources
+from typing import Any, Callable, Literal, Optional
+
+import anyio
+import numpy as np
+from anyio import to_thread
+from fastapi import Depends, FastAPI, File, Form, Request, UploadFile
+from fastapi.exceptions import RequestValidationError
+from fastapi.responses import HTMLResponse, JSONResponse, PlainTextResponse, Response
+from prometheus_client import CONTENT_TYPE_LATEST, CollectorRegistry, generate_latest
+from sse_starlette import EventSourceResponse
+from starlette.exceptions import HTTPException
+
+from .. import LlmModel, VelmoraError, WhisperModel, read_audio
+from ..errors import PropertyError
+from .metrics import Metrics
+from .pool import Busy, LlmSlot, Pool
+from .schemas import ChatRequest, CompletionRequest, Sampling
+
+log = logging.getLogger("velmora.server")
+
+
+@dataclass
+class Options:
+    llm: dict[str, str] = field(default_factory=dict)      # model name -> directory
+    whisper: dict[str, str] = field(default_factory=dict)
+    device: str = "CPU"
+    context: int = 2048          # prompt plus answer, in tokens
+    max_tokens: int = 256        # answer length when a request gives none
+    parallel: int = 1            # handles per model
+    queue: int = 8               # requests waiting per model
+    api_key: Optional[str] = None
+    max_body_bytes: int = 25 * 2**20
+    timeout: float = 600.0       # seconds one generation or transcription may run
+    library: Optional[str] = None
+
+
+class ApiError(Exception):
+    """Answered as the API's error object."""
+
+    def __init__(self, status: int, message: str, kind: str = "invalid_request_error", param: Optional[str] = None,
+                 code: Optional[str] = None, headers: Optional[dict[str, str]] = None):
+        super().__init__(message)
+        self.status, self.message, self.kind, self.param, self.code = status, message, kind, param, code
+        self.headers = headers
+
+    def response(self) -> JSONResponse:
+        body = {"error": {"message": self.message, "type": self.kind, "param": self.param, "code": self.code}}
+        return JSONResponse(body, status_code=self.status, headers=self.headers)
+
+
+# The request field behind each setting, so that a refusal names what the caller sent.
+_PARAMS = {"max_new_tokens": "max_tokens", "temperature": "temperature", "do_sample": "temperature",
+           "top_p": "top_p", "rng_seed": "seed", "frequency_penalty": "frequency_penalty",
+           "presence_penalty": "presence_penalty"}
+
+
+def _busy(what: str) -> ApiError:
+    return ApiError(503, f"{what} is busy: every handle is in use and the queue is full; retry shortly",
+                    "server_error", code="server_busy", headers={"Retry-After": "1"})
+
+
+class _DisconnectWatch:
+    """Cancels the model's work when the client goes away before the answer."""
+
+    def __init__(self, request: Request, model: Any):
+        self.gone = False
+        self._task = asyncio.ensure_future(self._watch(request, model))
+
+    async def _watch(self, request: Request, model: Any) -> None:
+        while (await request.receive())["type"] != "http.disconnect":
+            pass
+        self.gone = True
+        model.cancel()
+
+    def stop(self) -> None:
+        self._task.cancel()
+
+
+class _Timer:
+    """Cancels the model's work once it has run past the time limit."""
+
+    def __init__(self, seconds: float, model: Any):
+        self.expired = False
+
+        def expire() -> None:
+            self.expired = True
+            model.cancel()
+
+        self._handle = asyncio.get_running_loop().call_later(seconds, expire)
+
+    def stop(self) -> None:
+        self._handle.cancel()
+
+
+def _next_piece(stream: Any) -> Optional[str]:
+    return next(stream, None)
+
+
+@dataclass
+class _Run:
+    """One generation on a held handle."""
+    slot: LlmSlot
+    stream: Any
+    prompt_tokens: int
+    limit: int
+    first: Optional[str]
+    pieces: list[str] = field(default_factory=list)
+
+    def finish(self) -> tuple[str, dict[str, int], str]:
+        """Text, usage and finish reason, with the completion counted by the
+        model's tokenizer."""
+        text = "".join(self.pieces)
+        completion = len(self.slot.model.tokenize(text)) if text else 0
+        reason = "length" if max(completion, len(self.pieces)) >= self.limit else "stop"
+        usage = {"prompt_tokens": self.prompt_tokens, "completion_tokens": completion,
+                 "total_tokens": self.prompt_tokens + completion}
+        return text, usage, reason
+
+
+def create_app(options: Options, on_load_failure: Callable[[], None] = lambda: None) -> FastAPI:
+    llm_pools: dict[str, Pool] = {}
+    whisper_pools: dict[str, Pool] = {}
+    state: dict[str, Any] = {"ready": False, "failure": None}
+    registry = CollectorRegistry()
+    metrics = Metrics(registry, lambda: {**llm_pools, **whisper_pools})
+
+    def load() -> None:
+        for name, directory in options.llm.items():
+            llm_pools[name] = Pool([LlmSlot(LlmModel(directory, options.device, options.context,
+                                                     library=options.library))
+                                    for _ in range(options.parallel)], options.queue)
+        for name, directory in options.whisper.items():
+            whisper_pools[name] = Pool([_WhisperSlot(directory, options) for _ in range(options.parallel)],
+                                       options.queue)
+
+    async def load_in_background() -> None:
+        try:
+            await to_thread.run_sync(load)
+            state["ready"] = True
+            log.info("models loaded: %s", ", ".join([*options.llm, *options.whisper]))
+        except Exception as error:  # reported by /health, then the server stops
+            state["failure"] = str(error)
+            log.error("cannot load the models: %s", error)
+            on_load_failure()
+
+    @asynccontextmanager
+    async def lifespan(app: FastAPI):
+        loading = asyncio.ensure_future(load_in_background())
+        yield
+        loading.cancel()
+        for pool in [*llm_pools.values(), *whisper_pools.values()]:
+            for slot in pool.handles:
+                slot.model.close()
+
+    app = FastAPI(title="velmora", lifespan=lifespan, docs_url=None, redoc_url=None)
+    app.add_middleware(_BodyLimit, limit=options.max_body_bytes)
+    app.add_middleware(metrics.middleware)
+
+    @app.exception_handler(ApiError)
+    async def api_error(request: Request, error: ApiError) -> JSONResponse:
+        return error.response()
+
+    @app.exception_handler(RequestValidationError)
+    async def invalid(request: Request, error: RequestValidationError) -> JSONResponse:
+        first = error.errors()[0]
+        where = [str(part) for part in first.get("loc", ()) if part != "body"]
+        if first.get("type") == "json_invalid":
+            return ApiError(400, f"the body is not valid JSON: {first.get('ctx', {}).get('error', '')}").response()
+        param = ".".join(where) or None
+        return ApiError(400, f"{param or 'body'}: {first['msg']}", param=param, code="invalid_value").response()
+
+    @app.exception_handler(HTTPException)
+    async def http_error(request: Request, error: HTTPException) -> JSONResponse:
+        kinds = {404: "not_found", 405: "method_not_allowed", 413: "request_too_large"}
+        message = f"the request body is larger than {options.max_body_bytes} bytes" \
+            if error.status_code == 413 else str(error.detail)
+        return ApiError(error.status_code, message, code=kinds.get(error.status_code),
+                        headers=getattr(error, "headers", None)).response()
+
+    @app.exception_handler(VelmoraError)
+    async def library_failed(request: Request, error: VelmoraError) -> JSONResponse:
+        log.error("%s", error)
+        return ApiError(500, error.message or str(error), "server_error").response()
+
+    @app.exception_handler(Exception)
+    async def failed(request: Request, error: Exception) -> JSONResponse:
+        log.exception("request failed")
+        return ApiError(500, f"internal error: {type(error).__name__}", "server_error").response()
+
+    async def authorize(request: Request) -> None:
+        if options.api_key is None:
+            return
+        scheme, _, token = request.headers.get("authorization", "").partition(" ")
+        # Compared in constant time, so the key cannot be guessed byte by byte.
+        if not (scheme.lower() == "bearer" and hmac.compare_digest(token.encode(), options.api_key.encode())):
+            raise ApiError(401, "a valid API key is needed: send the header 'Authorization: Bearer KEY'",
+                           "authentication_error", code="invalid_api_key")
+
+    def pool_of(pools: dict[str, Pool], name: str, family: str) -> Pool:
+        if not state["ready"]:
+            raise ApiError(503, "the models are still loading", "server_error", code="loading",
+                           headers={"Retry-After": "1"})
+        if name not in pools:
+            served = ", ".join(pools) or "none"
+            raise ApiError(404, f"the model '{name}' is not served here ({family} models: {served})",
+                           param="model", code="model_not_found")
+        return pools[name]
+
+    async def acquire(pool: Pool, name: str) -> Any:
+        try:
+            return await pool.acquire()
+        except Busy:
+            raise _busy(f"the model '{name}'") from None
+
+    def start(slot: LlmSlot, body: Sampling, prompt: Callable[[Any], str]) -> _Run:
+        model = slot.model
+        text = prompt(model)
+        prompt_tokens = len(model.tokenize(text))
+        asked = body.token_limit()
+        room = options.context - prompt_tokens
+        limit = asked if asked is not None else min(options.max_tokens, room)
+        if limit > room or room < 1:
+            raise ApiError(400, f"this model's context is {options.context} tokens: the prompt takes {prompt_tokens} "
+                           f"and the answer may take {limit}; shorten the prompt or lower max_tokens",
+                           param="max_tokens" if asked is not None and room >= 1 else
+                           ("messages" if isinstance(body, ChatRequest) else "prompt"),
+                           code="context_length_exceeded")
+        settings: dict[str, Any] = {"max_new_tokens": limit}
+        if body.temperature is not None:
+            settings["do_sample"] = body.temperature != 0
+            if body.temperature != 0:
+                settings["temperature"] = body.temperature
+        for name, value in (("top_p", body.top_p), ("rng_seed", body.seed),
+                            ("frequency_penalty", body.frequency_penalty),
+                            ("presence_penalty", body.presence_penalty)):
+            if value is not None:
+                settings[name] = value
+        try:
+            slot.apply(settings, body.stops())
+        except PropertyError as refused:
+            raise ApiError(400, refused.message, code="invalid_value") from None
+        except (TypeError, ValueError) as refused:
+            name = str(refused).split()[0]
+            raise ApiError(400, str(refused), param=_PARAMS.get(name, "stop"), code="invalid_value") from None
+        stream = model.stream(text)
+        try:
+            first = _next_piece(stream)
+        except VelmoraError as error:
+            # Before any piece, a failure is the runtime refusing this request's
+            # settings as a whole (a negative temperature, say): the caller's to fix.
+            raise ApiError(400, error.message or str(error), code="invalid_value") from None
+        return _Run(slot, stream, prompt_tokens, limit, first, [] if first is None else [first])
+
+    async def generate(request: Request, body: Sampling, endpoint: str, prompt: Callable[[Any], str]) -> Response:
+        pool = pool_of(llm_pools, body.model, "LLM")
+        slot = await acquire(pool, body.model)
+        begun = time.perf_counter()
+        watch, timer = _DisconnectWatch(request, slot.model), _Timer(options.timeout, slot.model)
+        run: Optional[_Run] = None
+        try:
+            run = await to_thread.run_sync(start, slot, body, prompt)
+            metrics.first_token.labels(body.model).observe(time.perf_counter() - begun)
+            if watch.gone:  # left while the prompt was prepared, before a cancel could land
+                slot.model.cancel()
+            if not body.stream:
+                run.pieces += await to_thread.run_sync(list, run.stream)
+                if timer.expired:
+                    raise ApiError(504, f"the generation ran past the server's limit of {options.timeout:g} s",
+                                   "server_error", code="timeout")
+                text, usage, reason = await to_thread.run_sync(run.finish)
+                metrics.count_tokens(body.model, usage)
+                answer = JSONResponse(_answer(endpoint, body.model, text, usage, reason))
+        except BaseException:
+            watch.stop()
+            timer.stop()
+            await _close(pool, slot, run)
+            raise
+        watch.stop()
+        if not body.stream:
+            timer.stop()
+            pool.release(slot)
+            return answer
+        return _Events(_events(run, endpoint, body), lambda: _end_stream(pool, run, timer))
+
+    async def _close(pool: Pool, slot: Any, run: Optional[_Run]) -> None:
+        with anyio.CancelScope(shield=True):
+            if run is not None:
+                await to_thread.run_sync(run.stream.close)
+            pool.release(slot)
+
+    async def _events(run: _Run, endpoint: str, body: Sampling):
+        ident, created = _ident(endpoint), int(time.time())
+        yield _chunk(endpoint, ident, created, body.model, "", None, first=True)
+        piece = run.first
+        while piece is not None:
+            yield _chunk(endpoint, ident, created, body.model, piece, None)
+            try:
+                piece = await to_thread.run_sync(_next_piece, run.stream)
+            except VelmoraError as error:
+                # Headers are sent: the failure can only travel as an event.
+                failure = ApiError(500, error.message or str(error), "server_error")
+                yield {"data": failure.response().body.decode()}
+                return
+            if piece is not None:
+                run.pieces.append(piece)
+        text, usage, reason = await to_thread.run_sync(run.finish)
+        metrics.count_tokens(body.model, usage)
+        yield _chunk(endpoint, ident, created, body.model, None, reason)
+        if body.stream_options is not None and body.stream_options.include_usage:
+            yield {"data": json.dumps({"id": ident, "object": _OBJECTS[endpoint] + ".chunk"
+                                       if endpoint == "chat" else _OBJECTS[endpoint], "created": created,
+                                       "model": body.model, "choices": [], "usage": usage})}
+        yield {"data": "[DONE]"}
+
+    async def _end_stream(pool: Pool, run: _Run, timer: _Timer) -> None:
+        timer.stop()
+        await _close(pool, run.slot, run)
+
+    @app.get("/", response_class=HTMLResponse, include_in_schema=False)
+    async def page() -> str:
+        return resources.files(__package__).joinpath("page.html").read_text(encoding="utf-8")
+
+    @app.get("/health")
+    async def health() -> JSONResponse:
+        if state["ready"]:
+            return JSONResponse({"status": "ok"})
+        status = f"failed: {state['failure']}" if state["failure"] else "loading"
+        return JSONResponse({"status": status}, status_code=503, headers={"Retry-After": "1"})
+
+    @app.get("/metrics", dependencies=[Depends(authorize)])
+    async def prometheus() -> Response:
+        return Response(generate_latest(registry), media_type=CONTENT_TYPE_LATEST)
+
+    @app.get("/v1/models", dependencies=[Depends(authorize)])
+    async def models() -> dict[str, Any]:
+        created = int(time.time())
+        # "task" is ours, beside the API's fields: what the page offers each model for.
+        return {"object": "list", "data": [{"id": name, "object": "model", "created": created, "owned_by": "velmora",
+                                            "task": "chat" if name in options.llm else "transcription"}
+                                           for name in [*options.llm, *options.whisper]]}
+
+    @app.post("/v1/chat/completions", dependencies=[Depends(authorize)])
+    async def chat(request: Request, body: ChatRequest) -> Response:
+        messages = [{"role": m.role, "content": m.text()} for m in body.messages]
+        return await generate(request, body, "chat", lambda model: model.chat_prompt(messages))
+
+    @app.post("/v1/completions", dependencies=[Depends(authorize)])
+    async def completions(request: Request, body: CompletionRequest) -> Response:
+        return await generate(request, body, "completion", lambda model: body.text())
+
+    @app.post("/v1/audio/transcriptions", dependencies=[Depends(authorize)])
+    async def transcriptions(request: Request, file: UploadFile = File(...), model: str = Form(...),
+                             language: Optional[str] = Form(None),
+                             response_format: Literal["json", "text", "verbose_json"] = Form("json")) -> Response:
+        pool = pool_of(whisper_pools, model, "Whisper")
+        samples = await to_thread.run_sync(_decode, await file.read(), file.filename or "")
+        slot = await acquire(pool, model)
+        watch, timer = _DisconnectWatch(request, slot.model), _Timer(options.timeout, slot.model)
+        try:
+            text = await to_thread.run_sync(slot.transcribe, samples, language)
+        finally:
+            watch.stop()
+            timer.stop()
+            pool.release(slot)
+        if timer.expired:
+            raise ApiError(504, f"the transcription ran past the server's limit of {options.timeout:g} s",
+                           "server_error", code="timeout")
+        if response_format == "text":
+            return PlainTextResponse(text + "\n")
+        if response_format == "verbose_json":
+            return JSONResponse({"task": "transcribe", "language": language or "auto",
+                                 "duration": len(samples) / 16000, "text": text, "segments": []})
+        return JSONResponse({"text": text})
+
+    return app
+
+
+class _Events(EventSourceResponse):
+    """The stream of one generation; whatever ends it (the last piece, a
+    client that left, an error), the generation is cancelled and the handle
+    goes back to the pool."""
+
+    def __init__(self, events: Any, cleanup: Callable[[], Any]):
+        super().__init__(events, ping=15, sep="\n")
+        self._cleanup = cleanup
+
+    async def __call__(self, scope: Any, receive: Any, send: Any) -> None:
+        try:
+            await super().__call__(scope, receive, send)
+        finally:
+            await self._cleanup()
+
+
+class _BodyLimit:
+    """Refuses a declared body past the limit before reading it, with the
+    API's error object (a body without a length is cut off by the framework)."""
+
+    def __init__(self, app: Any, limit: int):
+        self.app, self.limit = app, limit
+
+    async def __call__(self, scope: Any, receive: Any, send: Any) -> None:
+        if scope["type"] != "http":
+            return await self.app(scope, receive, send)
+        length = dict(scope["headers"]).get(b"content-length", b"0")
+        if length.isdigit() and int(length) > self.limit:
+            error = ApiError(413, f"the request body is larger than {self.limit} bytes", code="request_too_large")
+            return await error.response()(scope, receive, send)
+        seen = 0
+
+        async def counted() -> Any:
+            nonlocal seen
+            message = await receive()
+            seen += len(message.get("body", b""))
+            if seen > self.limit:
+                raise HTTPException(413)
+            return message
+
+        await self.app(scope, counted, send)
+
+
+class _WhisperSlot:
+    """A Whisper handle. A language, once set, can only be cleared by a new
+    handle, so a request without one after a request with one gets a fresh
+    handle rather than the last caller's language."""
+
+    def __init__(self, directory: str, options: Options):
+        self._directory, self._options = directory, options
+        self.model = WhisperModel(directory, options.device, library=options.library)
+        self._languages = set(self.model.lang_to_id)
+        # First use while loading, as for the LLM handles (see LlmSlot).
+        self.model.transcribe(np.zeros(1600, np.float32))
+        self._language: Optional[str] = None
+
+    def transcribe(self, samples: Any, language: Optional[str]) -> str:
+        token = None if not language else language if language.startswith("<|") else f"<|{language}|>"
+        if token is not None and token not in self._languages:
+            raise ApiError(400, f"language '{language}' is not one this model knows (ISO 639-1 codes such as 'en')",
+                           param="language", code="invalid_value")
+        if token is None and self._language is not None:
+            self.model.close()
+            self.model = WhisperModel(self._directory, self._options.device, library=self._options.library)
+        if token is not None:
+            self.model.config["language"] = token
+        self._language = token
+        return self.model.transcribe(samples).strip()
+
+
+def _decode(data: bytes, filename: str) -> Any:
+    if not data:
+        raise ApiError(400, "the audio file is empty", param="file", code="invalid_value")
+    suffix = os.path.splitext(filename)[1]
+    with tempfile.NamedTemporaryFile(suffix=suffix) as spool:
+        spool.write(data)
+        spool.flush()
+        try:
+            samples = read_audio(spool.name)
+        except ImportError as missing:
+            raise ApiError(500, str(missing), "server_error") from None
+        except Exception as unreadable:
+            raise ApiError(400, f"the audio file cannot be read: {unreadable}", param="file",
+                           code="invalid_value") from None
+    if not len(samples):
+        raise ApiError(400, "the audio file holds no samples", param="file", code="invalid_value")
+    return samples
+
+
+_OBJECTS = {"chat": "chat.completion", "completion": "text_completion"}
+
+
+def _ident(endpoint: str) -> str:
+    return ("chatcmpl-" if endpoint == "chat" else "cmpl-") + uuid.uuid4().hex
+
+
+def _answer(endpoint: str, model: str, text: str, usage: dict[str, int], reason: str) -> dict[str, Any]:
+    choice: dict[str, Any] = {"index": 0, "finish_reason": reason, "logprobs": None}
+    if endpoint == "chat":
+        choice["message"] = {"role": "assistant", "content": text}
+    else:
+        choice["text"] = text
+    return {"id": _ident(endpoint), "object": _OBJECTS[endpoint], "created": int(time.time()), "model": model,
+            "choices": [choice], "usage": usage}
+
+
+def _chunk(endpoint: str, ident: str, created: int, model: str, piece: Optional[str], reason: Optional[str],
+           first: bool = False) -> dict[str, str]:
+    if endpoint == "chat":
+        delta: dict[str, Any] = {} if piece is None else {"content": piece}
+        if first:
+            delta["role"] = "assistant"
+        choice: dict[str, Any] = {"index": 0, "delta": delta, "finish_reason": reason, "logprobs": None}
+        kind = "chat.completion.chunk"
+    else:
+        choice = {"index": 0, "text": piece or "", "finish_reason": reason, "logprobs": None}
+        kind = "text_completion"
+    return {"data": json.dumps({"id": ident, "object": kind, "created": created, "model": model,
+                                "choices": [choice]})}

@@ -1,0 +1,87 @@
+"""Request bodies as the OpenAI API defines them. Strict: a string where a
+number belongs is refused rather than converted. Fields the server does not
+use are ignored, as clients send many."""
+from __future__ import annotations
+
+from typing import Literal, Optional, Union
+
+from pydantic import BaseModel, ConfigDict, Field, field_validator
+
+
+class _Body(BaseModel):
+    model_config = ConfigDict(strict=True, extra="ignore")
+
+
+class TextPart(_Body):
+    type: Literal["text"]
+    text: str
+
+
+class Message(_Body):
+    role: Literal["system", "developer", "user", "assistant", "tool"]
+    content: Union[str, list[TextPart], None] = None
+
+    def text(self) -> str:
+        if isinstance(self.content, list):
+            return "".join(part.text for part in self.content)
+        return self.content or ""
+
+
+class StreamOptions(_Body):
+    include_usage: bool = False
+
+
+class Sampling(_Body):
+    model: str
+    max_tokens: Optional[int] = Field(None, ge=1)
+    temperature: Optional[float] = None
+    top_p: Optional[float] = None
+    seed: Optional[int] = None
+    stop: Union[str, list[str], None] = Field(None)
+    frequency_penalty: Optional[float] = None
+    presence_penalty: Optional[float] = None
+    n: int = 1
+    stream: bool = False
+    stream_options: Optional[StreamOptions] = None
+
+    @field_validator("n")
+    @classmethod
+    def _one_choice(cls, n: int) -> int:
+        if n != 1:
+            raise ValueError("only n=1 is supported: each request gives one choice")
+        return n
+
+    @field_validator("stop")
+    @classmethod
+    def _four_stops(cls, stop: Union[str, list[str], None]) -> Union[str, list[str], None]:
+        if isinstance(stop, list) and len(stop) > 4:
+            raise ValueError("at most 4 stop sequences")
+        return stop
+
+    def stops(self) -> list[str]:
+        return [self.stop] if isinstance(self.stop, str) else list(self.stop or [])
+
+    def token_limit(self) -> Optional[int]:
+        return self.max_tokens
+
+
+class ChatRequest(Sampling):
+    messages: list[Message] = Field(min_length=1)
+    max_completion_tokens: Optional[int] = Field(None, ge=1)
+
+    def token_limit(self) -> Optional[int]:
+        return self.max_completion_tokens if self.max_completion_tokens is not None else self.max_tokens
+
+
+class CompletionRequest(Sampling):
+    prompt: Union[str, list[str]]
+
+    @field_validator("prompt")
+    @classmethod
+    def _one_prompt(cls, prompt: Union[str, list[str]]) -> Union[str, list[str]]:
+        if isinstance(prompt, list) and len(prompt) != 1:
+            raise ValueError("give one prompt: a string or a list of one string")
+        return prompt
+
+    def text(self) -> str:
+        return self.prompt if isinstance(self.prompt, str) else self.prompt[0]

@@ -1,0 +1,175 @@
+"""The server through the official OpenAI client, curl and raw HTTP: answers
+equal to the package's own, errors as the client's typed exceptions, the
+queue, settings isolation and cancellation on disconnect."""
+import concurrent.futures
+import json
+import subprocess
+import threading
+import time
+
+import httpx2 as httpx
+import openai
+import pytest
+
+import velmora
+
+CHAT = [{"role": "user", "content": "What is the capital of France?"}]
+
+
+@pytest.fixture(scope="module")
+def server(serve, models):
+    with serve("--llm", models / "tiny-llm", "--whisper", f"speech={models / 'whisper-base'}", "--context", 64,
+               "--max-body-mb", 1, "--api-key", "sesame") as (url, _):
+        yield url
+
+
+@pytest.fixture(scope="module")
+def client(server):
+    return openai.OpenAI(base_url=server + "/v1", api_key="sesame", max_retries=0)
+
+
+@pytest.fixture(scope="module")
+def direct(request, models):
+    """The same model driven by the package in this process: what the server must give."""
+    with velmora.LlmModel(models / "tiny-llm", library=request.config.getoption("--library")) as model:
+        yield model
+
+
+def test_answers_match_the_package(client, direct):
+    assert [m.id for m in client.models.list()] == ["tiny-llm", "speech"]
+    direct.config["max_new_tokens"] = 6
+    expected = direct.generate(direct.chat_prompt(CHAT))
+    chat = client.chat.completions.create(model="tiny-llm", messages=CHAT, max_tokens=6)
+    assert chat.choices[0].message.content == expected
+    assert chat.usage.prompt_tokens == len(direct.tokenize(direct.chat_prompt(CHAT)))
+    assert chat.usage.completion_tokens == len(direct.tokenize(expected))
+    pieces = list(client.chat.completions.create(model="tiny-llm", messages=CHAT, max_tokens=6, stream=True,
+                                                 stream_options={"include_usage": True}))
+    assert "".join(c.choices[0].delta.content or "" for c in pieces if c.choices) == expected
+    assert pieces[-2].choices[0].finish_reason == chat.choices[0].finish_reason and pieces[-1].usage == chat.usage
+
+    completion = client.completions.create(model="tiny-llm", prompt="Once upon a time", max_tokens=5)
+    direct.config["max_new_tokens"] = 5
+    assert completion.choices[0].text == direct.generate("Once upon a time")
+    assert completion.usage.prompt_tokens == len(direct.tokenize("Once upon a time"))
+    assert completion.choices[0].finish_reason == "length"  # the random model does not end by itself
+
+
+def test_raw_event_stream(server):
+    out = subprocess.run(["curl", "-sN", "-i", server + "/v1/completions", "-H", "Authorization: Bearer sesame",
+                          "-H", "Content-Type: application/json",
+                          "-d", json.dumps({"model": "tiny-llm", "prompt": "Hello", "max_tokens": 3, "stream": True})],
+                         capture_output=True, text=True, timeout=60, check=True).stdout
+    head, _, body = out.partition("\n\n")  # text mode made each CRLF a LF
+    assert "content-type: text/event-stream" in head.lower()
+    events = body.strip().split("\n\n")
+    assert all(e.startswith("data: ") for e in events) and events[-1] == "data: [DONE]"
+    assert json.loads(events[-2][6:])["choices"][0]["finish_reason"] in ("stop", "length")
+
+
+def test_transcription(client, tmp_path):
+    subprocess.run(["espeak-ng", "-w", tmp_path / "fox.wav", "The quick brown fox jumps over the lazy dog."],
+                   check=True)
+    subprocess.run(["sox", tmp_path / "fox.wav", "-r", "44100", "-c", "2", tmp_path / "fox.flac"], check=True)
+    with open(tmp_path / "fox.flac", "rb") as audio:
+        text = client.audio.transcriptions.create(model="speech", file=audio, language="en").text
+    assert {"quick", "fox", "lazy", "dog"} <= set(text.lower().replace(".", "").split())
+    with open(tmp_path / "fox.wav", "rb") as audio:
+        german = client.audio.transcriptions.create(model="speech", file=audio, language="de").text
+        audio.seek(0)
+        verbose = client.audio.transcriptions.create(model="speech", file=audio, response_format="verbose_json")
+    # The language of the request before does not stay on the handle.
+    assert german != verbose.text and "dog" in verbose.text
+    assert verbose.duration == pytest.approx(2.7, abs=0.5)
+
+
+def test_bad_input_gets_the_error_object(client, server, tmp_path):
+    def refused(error, **request):
+        with pytest.raises(error) as caught:
+            client.chat.completions.create(**{"model": "tiny-llm", "messages": CHAT, "max_tokens": 4, **request})
+        return caught.value
+
+    assert refused(openai.NotFoundError, model="gpt-4").code == "model_not_found"
+    assert refused(openai.BadRequestError, messages=[]).param == "messages"
+    assert refused(openai.BadRequestError, n=2).param == "n"
+    assert refused(openai.BadRequestError, temperature="hot").param == "temperature"
+    assert refused(openai.BadRequestError, max_tokens=-1).param == "max_tokens"
+    assert refused(openai.BadRequestError, max_tokens=10**12).code == "context_length_exceeded"
+    long = [{"role": "user", "content": "word " * 200}]
+    assert refused(openai.BadRequestError, messages=long).param == "messages"
+    assert refused(openai.BadRequestError, seed=-1).message.endswith("rng_seed takes an int from 0 to 2147483647, not -1")
+    # The runtime's own words for a value it refuses.
+    assert "temperature must be a strictly positive float" in refused(openai.BadRequestError, temperature=-1).message
+    with pytest.raises(openai.AuthenticationError):
+        openai.OpenAI(base_url=server + "/v1", api_key="guess", max_retries=0).models.list()
+    for content in (b"", b"not audio at all"):
+        with pytest.raises(openai.BadRequestError) as caught:
+            client.audio.transcriptions.create(model="speech", file=("a.wav", content))
+        assert caught.value.param == "file"
+
+    auth = {"Authorization": "Bearer sesame"}
+    for body, status in ((b"{not json", 400), (b"x" * (2 * 2**20), 413)):
+        answer = httpx.post(server + "/v1/chat/completions", content=body, headers=auth, timeout=30)
+        assert answer.status_code == status and set(answer.json()["error"]) == {"message", "type", "param", "code"}
+    # Still serving, and every refusal counted.
+    assert client.chat.completions.create(model="tiny-llm", messages=CHAT, max_tokens=2).choices[0].message.content
+    metrics = httpx.get(server + "/metrics", headers=auth).text
+    assert 'velmora_requests_total{endpoint="/v1/chat/completions",status="400"} 9.0' in metrics
+    assert 'velmora_queue_depth{model="tiny-llm"} 0.0' in metrics
+
+
+def test_settings_do_not_leak(client):
+    def ask(**settings):
+        return client.completions.create(model="tiny-llm", prompt="Once upon a time", max_tokens=12,
+                                         **settings).choices[0].text
+
+    greedy = ask()
+    stopped = ask(stop=[greedy.split()[2]])
+    seeded = ask(temperature=1.5, seed=7)
+    # Two callers taking turns on the one handle: each gets its own answer back.
+    assert [ask(), ask(temperature=1.5, seed=7), ask(), ask(temperature=1.5, seed=8)][:3] == [greedy, seeded, greedy]
+    assert greedy.startswith(stopped) and len(stopped) < len(greedy) and seeded != greedy
+
+
+@pytest.fixture(scope="module")
+def pair(serve, models):
+    with serve("--llm", models / "tiny-llm", "--parallel", 2, "--queue", 4, "--context", 100000) as (url, _):
+        yield url
+
+
+def test_queue_answers_or_refuses_at_once(pair):
+    start = threading.Barrier(8)
+
+    def ask(_):
+        start.wait()
+        begun = time.monotonic()
+        answer = httpx.post(pair + "/v1/completions", timeout=300, json={"model": "tiny-llm", "prompt": "Once",
+                                                                         "max_tokens": 300})
+        return answer, begun, time.monotonic()
+
+    with concurrent.futures.ThreadPoolExecutor(8) as pool:
+        results = list(pool.map(ask, range(8)))
+    done = [end for answer, _, end in results if answer.status_code == 200]
+    refused = [(answer, end) for answer, _, end in results if answer.status_code == 503]
+    assert len(done) == 6 and len(refused) == 2
+    for answer, end in refused:
+        assert answer.headers["retry-after"] == "1" and answer.json()["error"]["code"] == "server_busy"
+        assert end < min(done)  # refused while the first answers were still being generated
+
+
+@pytest.mark.parametrize("stream", [True, False])
+def test_disconnect_frees_the_handle(serve, models, stream):
+    with serve("--llm", models / "tiny-llm", "--context", 1000000) as (url, _):
+        body = {"model": "tiny-llm", "prompt": "Once", "max_tokens": 500000, "stream": stream}
+        if stream:
+            with httpx.stream("POST", url + "/v1/completions", json=body, timeout=30) as answer:
+                next(answer.iter_lines())
+        else:
+            with pytest.raises(httpx.ReadTimeout):
+                httpx.post(url + "/v1/completions", json=body, timeout=1)
+        left = time.monotonic()
+        answer = httpx.post(url + "/v1/completions", json={**body, "max_tokens": 1, "stream": False}, timeout=60)
+        waited = time.monotonic() - left
+        assert answer.status_code == 200
+        print(f"next request answered {waited:.2f} s after the disconnect")
+        assert waited < 3  # the abandoned generation would run for minutes
