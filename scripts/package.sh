@@ -4,7 +4,7 @@
 #   archive  the release archive of `cmake --install` (cpack, from build/)
 #   wheels   one platform wheel per CPython that the package supports and this
 #            machine has, each with the library built against that interpreter,
-#            repaired by auditwheel to the runtime wheels' own platform tag
+#            repaired by auditwheel to the lowest manylinux tag it satisfies
 #   nuget    Velmora.<version>.nupkg: Velmora.dll with its XML documentation,
 #            the library and its runtime folder as native assets for linux-x64
 # Without names, all three; earlier artifacts of those kinds are removed from
@@ -59,9 +59,12 @@ sys.exit(sys.argv[2] not in SpecifierSet(sys.argv[1]))' "$spec" "3.$minor" || co
 }
 
 wheels() {
-  # The platform tag the runtime's own wheels carry: the oldest system they run on.
-  local plat py minor
-  plat=$("$python" -c 'import importlib.metadata as m
+  # The runtime's own wheels carry the tag of the oldest system they run on; the
+  # library gets the lowest tag it satisfies, which is theirs when it is built on
+  # a system that old and newer (that of the build machine's C and C++ runtimes)
+  # otherwise.
+  local runtime_plat py minor
+  runtime_plat=$("$python" -c 'import importlib.metadata as m
 print(next(l for l in m.distribution("openvino").read_text("WHEEL").splitlines() if l.startswith("Tag:")).rsplit("-", 1)[1])')
   rm -f "$out"/velmora-*.whl
   for py in $(interpreters); do
@@ -69,10 +72,13 @@ print(next(l for l in m.distribution("openvino").read_text("WHEEL").splitlines()
     # The library's build directory is per interpreter; nothing of it is kept.
     "$py" -m pip wheel -q --disable-pip-version-check --no-deps "$source/python" -w "$work/raw-$minor" >&2
     # The runtime's libraries come from its own wheels, which the package depends on.
-    "$source/.venv/bin/auditwheel" repair --plat "$plat" --exclude 'libopenvino*' -w "$out" \
-      "$work/raw-$minor"/velmora-*.whl >/dev/null 2>&1 || fail "auditwheel refused the wheel for $py"
-    ls "$out"/velmora-"$version"-cp3"$minor"-cp3"$minor"-*"$plat"*.whl
+    "$source/.venv/bin/auditwheel" repair --exclude 'libopenvino*' -w "$out" "$work/raw-$minor"/velmora-*.whl \
+      >"$work/repair.log" 2>&1 || { cat "$work/repair.log" >&2; fail "auditwheel refused the wheel for $py"; }
+    ls "$out"/velmora-"$version"-cp3"$minor"-cp3"$minor"-manylinux*.whl
   done
+  ls "$out"/velmora-*"$runtime_plat"*.whl >/dev/null 2>&1 ||
+    echo "package.sh: the runtime's wheels are $runtime_plat; these wheels need the newer C and C++ runtimes" \
+         "of this build machine" >&2
 }
 
 nuget() {
