@@ -52,9 +52,11 @@ interpreters() {
   for minor in $(seq 8 20); do
     "$python" -c 'import sys; from packaging.specifiers import SpecifierSet
 sys.exit(sys.argv[2] not in SpecifierSet(sys.argv[1]))' "$spec" "3.$minor" || continue
-    found=$(command -v "python3.$minor" || ls "$HOME"/.pyenv/versions/3."$minor".*/bin/python3."$minor" 2>/dev/null | tail -1) ||
-      true
-    [[ -n $found ]] && echo "$found"
+    # pyenv's shims exist for every version but run only the selected ones.
+    for found in $(ls "$HOME"/.pyenv/versions/3."$minor".*/bin/python3."$minor" 2>/dev/null | sort -V | tail -1) \
+                 $(command -v "python3.$minor"); do
+      if "$found" -c pass 2>/dev/null; then echo "$found"; break; fi
+    done
   done
 }
 
