@@ -74,7 +74,7 @@ print(next(l for l in m.distribution("openvino").read_text("WHEEL").splitlines()
     # The library's build directory is per interpreter; nothing of it is kept.
     "$py" -m pip wheel -q --disable-pip-version-check --no-deps "$source/python" -w "$work/raw-$minor" >&2
     # The runtime's libraries come from its own wheels, which the package depends on.
-    "$source/.venv/bin/auditwheel" repair --exclude 'libopenvino*' -w "$out" "$work/raw-$minor"/velmora-*.whl \
+    PATH=$source/.venv/bin:$PATH auditwheel repair --exclude 'libopenvino*' -w "$out" "$work/raw-$minor"/velmora-*.whl \
       >"$work/repair.log" 2>&1 || { cat "$work/repair.log" >&2; fail "auditwheel refused the wheel for $py"; }
     ls "$out"/velmora-"$version"-cp3"$minor"-cp3"$minor"-manylinux*.whl
   done
