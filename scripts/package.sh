@@ -7,6 +7,7 @@
 #            repaired by auditwheel to the lowest manylinux tag it satisfies
 #   nuget    Velmora.<version>.nupkg: Velmora.dll with its XML documentation,
 #            the library and its runtime folder as native assets for linux-x64
+#            (scripts/nupkg.py)
 # Without names, all three; earlier artifacts of those kinds are removed from
 # the output folder first. Needs the build of scripts/setup.sh (or --build DIR).
 #   scripts/package.sh [--build DIR] [--out DIR] [archive] [wheels] [nuget]
@@ -88,9 +89,8 @@ nuget() {
   rm -f "$out"/Velmora.*.nupkg
   cmake --install "$build" --prefix "$stage" --component runtime >/dev/null
   [[ -f $stage/lib/Velmora.dll ]] || fail "the build made no Velmora.dll (mcs missing?)"
-  sed -e "s/@VERSION@/$version/" "$source/bindings/dotnet/Velmora.nuspec" > "$stage/Velmora.nuspec"
-  command nuget pack "$stage/Velmora.nuspec" -BasePath "$stage" -OutputDirectory "$out" -NoPackageAnalysis \
-    -Verbosity quiet >&2
+  "$python" "$source/scripts/nupkg.py" "$stage" "$source/bindings/dotnet/Velmora.nuspec" "$version" \
+    "$out/Velmora.$version.nupkg"
   echo "$out/Velmora.$version.nupkg"
 }
 

@@ -24,11 +24,11 @@ mkdir "$work/unpacked" && (cd "$work/unpacked" && unzip -q "$wheel")
 # pip builds in a temporary directory, the build-time packages in another.
 ! grep -rlE -e "$source" -e "$(dirname "$(dirname "$(realpath "$python")")")" -e '/tmp/(pip-|tmp)' "$work/unpacked" ||
   fail "the wheel records a path of the build machine"
-"$other" "$source/tests/shipping/foreign_python.py" "$work/unpacked/velmora/$library" "$models/tiny-llm" \
-  "${tag:2:1}.${tag:3}" || fail "the $tag library did not refuse $other cleanly"
 
 "$python" -m venv "$work/venv"
 "$work/venv/bin/pip" install -q --disable-pip-version-check "$wheel"
+"$other" "$source/tests/shipping/foreign_python.py" "$("$work/venv/bin/python" -c 'import velmora; print(velmora.find_library())')" \
+  "$models/tiny-llm" "${tag:2:1}.${tag:3}" || fail "the $tag library did not refuse $other cleanly"
 espeak-ng --stdout "The quick brown fox jumps over the lazy dog." |
   sox -t wav - -r 16000 -c 1 -e float -b 32 -t raw "$work/speech.f32"
 
