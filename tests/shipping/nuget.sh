@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # The NuGet package scripts/package.sh made, consumed as a .NET project would:
-# `nuget install` from a local folder feed, a program compiled against the
+# unpacked where a restore puts it (Debian's Mono `nuget install` takes many
+# minutes over its five thousand files), a program compiled against the
 # package's lib/netstandard2.0/Velmora.dll, the package's linux-x64 native
 # assets copied beside it as a build for that runtime does, then run under mono
 # with the checkout and the build's Python installation hidden (a private
@@ -12,15 +13,18 @@ work=$(mktemp -d /tmp/velmora-nuget.XXXXXX)
 trap 'rm -rf "$work"' EXIT
 fail() { echo "FAILED: $*" >&2; exit 1; }
 
-mkdir "$work/feed" "$work/app" "$work/models"
-cp "$packages"/Velmora.*.nupkg "$work/feed/"
-nuget install Velmora -Source "$work/feed" -OutputDirectory "$work/restored" -NonInteractive >/dev/null
-installed=("$work"/restored/Velmora.*/)
-lib=${installed[0]}lib/netstandard2.0
+mkdir "$work/app" "$work/models"
+nupkg=("$packages"/Velmora.*.nupkg)
+version=$(basename "${nupkg[0]}" .nupkg) version=${version#Velmora.}
+# Where a restore puts it: the global packages folder, lower-case id, version.
+installed=$work/packages/velmora/$version/
+mkdir -p "$installed" && (cd "$installed" && unzip -q "${nupkg[0]}")
+grep -q "<version>$version</version>" "$installed/Velmora.nuspec" || fail "the nuspec does not carry $version"
+lib=${installed}lib/netstandard2.0
 grep -q '<member name="T:Velmora.LlmModel">' "$lib/Velmora.xml" || fail "no XML documentation in $lib"
 mcs -nologo -warnaserror -r:"$lib/Velmora.dll" -out:"$work/app/Consumer.exe" "$source/tests/shipping/Consumer.cs"
 cp "$lib/Velmora.dll" "$lib/Velmora.xml" "$work/app/"
-cp -r "${installed[0]}"runtimes/linux-x64/native/. "$work/app/"
+cp -r "${installed}"runtimes/linux-x64/native/. "$work/app/"
 espeak-ng --stdout "The quick brown fox jumps over the lazy dog." |
   sox -t wav - -r 16000 -c 1 -e float -b 32 -t raw "$work/speech.f32"
 
