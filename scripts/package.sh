@@ -40,7 +40,8 @@ archive() {
   (cd "$build" && cpack >/dev/null)
   local made
   made=$(ls "$build"/package/TarvikVelmoraOpenVINOBindings-"$version"-*.tar.gz)
-  tar -tzf "$made" | grep -q '/lib/Velmora.dll$' || fail "the archive carries no Velmora.dll (mcs missing?)"
+  # (Listed whole first: a grep that stops early would fail tar under pipefail.)
+  [[ $'\n'$(tar -tzf "$made")$'\n' == *$'/lib/Velmora.dll\n'* ]] || fail "the archive carries no Velmora.dll (mcs missing?)"
   cp "$made" "$out/"
   echo "$out/$(basename "$made")"
 }
