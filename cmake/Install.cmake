@@ -3,6 +3,8 @@
 #   P/lib/Tarvik.Velmora.Framework.OpenVINOBindings.so  (stripped)
 #   P/lib/velmora-runtime/  the interpreter and runtime packages it runs on,
 #                           found beside the library's own file
+#   P/lib/Velmora.dll, Velmora.xml  the C# binding and its documentation
+#                           (bindings/dotnet), which finds the library beside it
 #   P/include/openvino_bindings.h
 #   P/lib/cmake/TarvikVelmoraOpenVINOBindings/  find_package() config and version
 #   P/lib/pkgconfig/TarvikVelmoraOpenVINOBindings.pc

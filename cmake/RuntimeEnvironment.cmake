@@ -14,7 +14,15 @@ velmora_python_query(VELMORA_OPENVINO_DIR "import openvino, os; print(os.path.di
 velmora_python_query(pybind11_DIR "import pybind11; print(pybind11.get_cmake_dir())")
 
 set(Python_EXECUTABLE "${VELMORA_PYTHON_EXECUTABLE}")
-find_package(Python 3.11 EXACT REQUIRED COMPONENTS Interpreter Development.Embed)
+# Embedded, the library links the interpreter's shared library. In a wheel it
+# joins the host interpreter, whose symbols are already in the process: like
+# any extension module it links no libpython, so it also loads into
+# interpreters built without one.
+if(VELMORA_BUNDLE_RUNTIME)
+  find_package(Python REQUIRED COMPONENTS Interpreter Development.Embed)
+else()
+  find_package(Python REQUIRED COMPONENTS Interpreter Development.Module)
+endif()
 find_package(pybind11 CONFIG REQUIRED)
 find_package(OpenVINO REQUIRED COMPONENTS Runtime PATHS "${VELMORA_OPENVINO_DIR}/cmake" NO_DEFAULT_PATH)
 

@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # Installs the build, builds the C example against the installed package
-# (dlopen and linked), checks pkg-config, then moves the prefix to a path with
-# a space and runs a C host and the command-line host from there, both
-# families, with the checkout and the build's Python installation hidden
-# behind empty file systems (a private mount namespace; needs root).
+# (dlopen and linked) and a C# program against the installed Velmora.dll,
+# checks pkg-config, then moves the prefix to a path with a space and runs the
+# C host, the C# program and the command-line host from there, both families,
+# with the checkout and the build's Python installation hidden behind empty
+# file systems (a private mount namespace; needs root).
 #   moved_install.sh BUILD_DIR SOURCE_DIR MODELS_DIR BUILD_PYTHON_PREFIX
 set -euo pipefail
 build=$1 source=$(realpath "$2") models=$3 python_prefix=$(realpath "$4")
@@ -15,6 +16,8 @@ fail() { echo "FAILED: $*" >&2; exit 1; }
 cmake --install "$build" --prefix "$work/stage" >/dev/null
 cmake -S "$source/examples/stream" -B "$work/example" -G Ninja -DCMAKE_PREFIX_PATH="$work/stage" >/dev/null
 cmake --build "$work/example" >/dev/null
+mcs -nologo -warnaserror -r:"$work/stage/lib/Velmora.dll" -out:"$work/Consumer.exe" "$source/tests/shipping/Consumer.cs"
+[[ -s $work/stage/lib/Velmora.xml ]] || fail "the install carries no XML documentation"
 
 # The package's own files name the prefix they were installed to.
 export PKG_CONFIG_PATH=$work/stage/lib/pkgconfig
@@ -31,6 +34,7 @@ mv "$work/stage" "$prefix"
 mkdir "$work/models"
 cp -r "$models/tiny-llm" "$models/whisper-base" "$work/models/"
 espeak-ng -w "$work/speech.wav" "The quick brown fox jumps over the lazy dog."
+sox "$work/speech.wav" -r 16000 -c 1 -e float -b 32 -t raw "$work/speech.f32"
 
 unshare -m bash -euo pipefail -s "$work" "$prefix" "$source" "$python_prefix" <<'HIDDEN'
 work=$1 prefix=$2
@@ -43,6 +47,10 @@ library="$prefix/lib/Tarvik.Velmora.Framework.OpenVINOBindings.so"
 text=$("$work/example/velmora-stream" "$work/models/tiny-llm" "Once upon a time" "$library" 2>/dev/null)
 [[ ${#text} -ge 10 ]] || fail "the C host streamed '$text'"
 echo "C host: $text"
+# The installed assembly, found as mono finds any outside the program's folder, finds the library beside itself.
+text=$(MONO_PATH="$prefix/lib" mono "$work/Consumer.exe" "$work/models/tiny-llm" "$work/models/whisper-base" "$work/speech.f32")
+[[ $text == *"library: $library"* && ${text,,} == *"heard: "*fox* ]] || fail "the C# program printed '$text'"
+echo "C# program: $text"
 text=$("$prefix/bin/velmora-host" generate --stats --model "$work/models/tiny-llm" "Once upon a time")
 [[ ${#text} -ge 10 ]] || fail "velmora-host generated '$text'"
 echo "velmora-host generate: $text"

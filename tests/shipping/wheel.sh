@@ -1,35 +1,59 @@
 #!/usr/bin/env bash
-# Builds the platform wheel from python/, installs it into a fresh virtual
-# environment outside the checkout, and generates from there with the
-# checkout hidden (a private mount namespace; needs root). The wheel must
-# record no path of the build machine.
-#   wheel.sh SOURCE_DIR MODELS_DIR PYTHON3.11
+# The wheel scripts/package.sh made for one CPython: it has a manylinux tag,
+# records no path of the build machine, and its library links no libpython (it
+# joins the host's) and refuses an interpreter of another version. Installed into a fresh virtual environment of its Python
+# outside the checkout, it generates, streams, chats and transcribes with the
+# checkout hidden (a private mount namespace; needs root).
+#   wheel.sh PACKAGES_DIR SOURCE_DIR MODELS_DIR PYTHON3.X OTHER_PYTHON3.Y
 set -euo pipefail
-source=$(realpath "$1") models=$2 python=$3
+packages=$1 source=$(realpath "$2") models=$(realpath "$3") python=$4 other=$5
 work=$(mktemp -d /tmp/velmora-wheel.XXXXXX)
 trap 'rm -rf "$work"' EXIT
 fail() { echo "FAILED: $*" >&2; exit 1; }
+library=Tarvik.Velmora.Framework.OpenVINOBindings.so
+
+tag=$("$python" -c 'import sys; print(f"cp3{sys.version_info.minor}")')
+# Repaired: tagged for the manylinux systems it runs on, not for this machine alone.
+wheels=("$packages"/velmora-*-"$tag-$tag"-manylinux_2_*_x86_64.whl)
+[[ ${#wheels[@]} -eq 1 && -f ${wheels[0]} ]] || fail "expected one manylinux $tag wheel in $packages: $(ls "$packages")"
+wheel=${wheels[0]}
+mkdir "$work/unpacked" && (cd "$work/unpacked" && unzip -q "$wheel")
+[[ -f $work/unpacked/velmora/$library ]] || fail "the wheel has no library"
+! readelf -d "$work/unpacked/velmora/$library" | grep -q 'NEEDED.*libpython' || fail "the wheel's library links libpython"
+! ls -d "$work/unpacked"/velmora.libs 2>/dev/null || fail "auditwheel grafted libraries: $(ls "$work/unpacked/velmora.libs")"
+# pip builds in a temporary directory, the build-time packages in another.
+! grep -rlE -e "$source" -e "$(dirname "$(dirname "$(realpath "$python")")")" -e '/tmp/(pip-|tmp)' "$work/unpacked" ||
+  fail "the wheel records a path of the build machine"
 
 "$python" -m venv "$work/venv"
-"$work/venv/bin/pip" wheel -q --disable-pip-version-check --no-deps "$source/python" -w "$work/dist"
-wheel=$(echo "$work"/dist/velmora-*-cp311-cp311-linux_*.whl)
-[[ -f $wheel ]] || fail "no platform wheel in $(ls "$work/dist")"
-mkdir "$work/unpacked" && (cd "$work/unpacked" && unzip -q "$wheel")
-[[ -f $work/unpacked/velmora/Tarvik.Velmora.Framework.OpenVINOBindings.so ]] || fail "the wheel has no library"
-! grep -rlF -e "$source" -e "$(dirname "$(dirname "$(realpath "$python")")")" "$work/unpacked" ||
-  fail "the wheel records a path of the build machine"
 "$work/venv/bin/pip" install -q --disable-pip-version-check "$wheel"
-cp -r "$models/tiny-llm" "$work/"
+"$other" "$source/tests/shipping/foreign_python.py" "$("$work/venv/bin/python" -c 'import velmora; print(velmora.find_library())')" \
+  "$models/tiny-llm" "${tag:2:1}.${tag:3}" || fail "the $tag library did not refuse $other cleanly"
+espeak-ng --stdout "The quick brown fox jumps over the lazy dog." |
+  sox -t wav - -r 16000 -c 1 -e float -b 32 -t raw "$work/speech.f32"
 
+mkdir "$work/models"
 cd /
-unshare -m "$work/venv/bin/python" - "$source" "$work/tiny-llm" <<'PY'
+unshare -m "$work/venv/bin/python" - "$source" "$models" "$work/models" "$work/speech.f32" <<'PY'
 import subprocess, sys
-subprocess.run(["mount", "-t", "tmpfs", "none", sys.argv[1]], check=True)
+source, models, seen, speech = sys.argv[1:]
+# The models stay reachable through a bind mount; the checkout they may lie in is hidden.
+subprocess.run(["mount", "--bind", models, seen], check=True)
+subprocess.run(["mount", "-t", "tmpfs", "none", source], check=True)
+import numpy as np
 import velmora
 assert velmora.find_library().startswith(sys.prefix), velmora.find_library()
-with velmora.LlmModel(sys.argv[2], context_length=16) as model:
+with velmora.LlmModel(f"{seen}/tiny-llm", context_length=16) as model:
     text = model.generate("Once upon a time")
-assert len(text) >= 10, text
-print(f"velmora {velmora.__version__} from the wheel generated: {text}")
+    pieces = list(model.stream("Once upon a time"))
+assert len(text) >= 10 and len(pieces) > 1 and "".join(pieces) == text, (text, pieces)
+with velmora.LlmModel(f"{seen}/smollm2", context_length=64) as model:
+    answer = model.chat([{"role": "system", "content": "Answer in one word."},
+                         {"role": "user", "content": "What is the capital of France?"}])
+assert "Paris" in answer, answer
+with velmora.WhisperModel(f"{seen}/whisper-base") as model:
+    heard = model.transcribe(np.fromfile(speech, dtype=np.float32))
+assert "fox" in heard.lower(), heard
+print(f"velmora {velmora.__version__} on Python {sys.version.split()[0]}: {text!r}, {answer!r}, {heard!r}")
 PY
-echo "wheel: passed ($(du -h "$wheel" | cut -f1))"
+echo "wheel $(basename "$wheel"): passed ($(du -h "$wheel" | cut -f1))"

@@ -34,7 +34,7 @@ namespace Velmora
         public static event EventHandler<LogEventArgs> Log;
 
         /// <summary>Uses the library at <paramref name="path"/>. Optional: without it the first model
-        /// looks beside this assembly, then in ../lib/ relative to it. A process holds one library.</summary>
+        /// takes the first of <see cref="CandidatePaths"/> that exists. A process holds one library.</summary>
         public static void Load(string path)
         {
             if (path == null) throw new ArgumentNullException("path");
@@ -50,15 +50,33 @@ namespace Velmora
         /// <summary>The file in use, or null before the first model or <see cref="Load"/>.</summary>
         public static string Path { get { lock (sync) return loadedPath; } }
 
-        /// <summary>Where the library is looked for when <see cref="Load"/> was not called.</summary>
+        /// <summary>Where the library is looked for when <see cref="Load"/> was not called, first match wins:
+        /// beside this assembly (where a .NET build for linux-x64 copies the package's native assets, and an
+        /// install's lib/), its runtimes/linux-x64/native/, the install layout's ../lib/, then the library of the CMake build tree this assembly
+        /// was built in or whose checkout it lies in.</summary>
         public static IList<string> CandidatePaths()
         {
             string here = System.IO.Path.GetDirectoryName(typeof(Library).Assembly.Location);
             if (string.IsNullOrEmpty(here)) here = AppContext.BaseDirectory;
-            return new[] {
+            var places = new List<string> {
                 System.IO.Path.Combine(here, FileName),
+                // A .NET build that targets no runtime identifier keeps the package's native assets here.
+                System.IO.Path.Combine(here, "runtimes", "linux-x64", "native", FileName),
                 System.IO.Path.GetFullPath(System.IO.Path.Combine(here, "..", "lib", FileName)),
             };
+            // A build tree holds the library in src/; a checkout holds its build tree in build/.
+            for (var dir = new DirectoryInfo(here); dir != null; dir = dir.Parent)
+            {
+                foreach (string tree in new[] { dir.FullName, System.IO.Path.Combine(dir.FullName, "build") })
+                {
+                    if (File.Exists(System.IO.Path.Combine(tree, "CMakeCache.txt")))
+                    {
+                        places.Add(System.IO.Path.Combine(tree, "src", FileName));
+                        return places;
+                    }
+                }
+            }
+            return places;
         }
 
         internal static LlmApi Llm { get { EnsureLoaded(); return llm; } }
