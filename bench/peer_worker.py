@@ -5,7 +5,6 @@ same settings (2 threads, greedy, exactly N new tokens, English, no timestamps).
   peer_worker.py llama GGUF            jobs: "generate N PROMPT", "tokenize TEXT",
                                              "perplexity FILE" (mean NLL of a text)
   peer_worker.py faster-whisper DIR COMPUTE_TYPE   jobs: "transcribe FILE.f32"
-  peer_worker.py whisper.cpp GGML                  jobs: "transcribe FILE.f32"
 """
 import json
 import math
@@ -77,25 +76,9 @@ def faster_whisper(path, compute_type):
     return {"transcribe": transcribe}
 
 
-def whisper_cpp(path):
-    from pywhispercpp.model import Model
-
-    model = Model(path, n_threads=THREADS, print_progress=False, print_realtime=False, redirect_whispercpp_logs_to=None,
-                  language="en", no_timestamps=True, single_segment=False)
-
-    def transcribe(audio_path):
-        audio = read_audio(audio_path)
-        start = time.perf_counter()
-        segments = model.transcribe(audio)
-        return {"s": time.perf_counter() - start, "audio_s": len(audio) / 16000,
-                "text": "".join(s.text for s in segments)}
-
-    return {"transcribe": transcribe}
-
-
 def main():
     engine, args = sys.argv[1], sys.argv[2:]
-    jobs = {"llama": llama, "faster-whisper": faster_whisper, "whisper.cpp": whisper_cpp}[engine](*args)
+    jobs = {"llama": llama, "faster-whisper": faster_whisper}[engine](*args)
     print(json.dumps({"ready": True}), flush=True)
     for line in sys.stdin:
         verb, _, rest = line.rstrip("\n").partition(" ")

@@ -105,7 +105,7 @@ def wer(reference, hypothesis):
     return row[-1] / len(ref)
 
 
-def llm_pair(library_dir, gguf, a, label):
+def llm_pair(library_dir, gguf, a, label, default=False):
     """Library on an IR against llama.cpp on the GGUF it was made from."""
     lib, peer = library_llm(library_dir), Engine("llama.cpp", [PEERS, WORKER, "llama", gguf])
     try:
@@ -120,7 +120,7 @@ def llm_pair(library_dir, gguf, a, label):
         peer.close()
     L, P = runs[lib.name], runs[peer.name]
     return {
-        "label": label, "library_model": os.path.relpath(library_dir, ROOT), "gguf": os.path.basename(gguf),
+        "label": label, "default": default, "library_model": os.path.relpath(library_dir, ROOT), "gguf": os.path.basename(gguf),
         "same_prompt_ids": ids_lib == ids_peer, "prompt_tokens": len(ids_lib),
         "tps_ratio": spread([p["s"] / l["s"] for l, p in zip(L, P)]),
         "tps_library": spread([a.tokens / l["s"] for l in L]), "tps_peer": spread([a.tokens / p["s"] for p in P]),
@@ -140,15 +140,13 @@ def library_perplexity(directory):
     return json.loads(done.stdout.strip().splitlines()[-1])
 
 
-def whisper_round(a, peers_available):
+def whisper_round(a):
     clips = sorted(f for f in os.listdir(SPEECH) if f.endswith(".f32"))
     references = {c: open(os.path.join(SPEECH, c[:-4] + ".txt"), encoding="utf-8").read() for c in clips}
     engines = [Engine("library", [TURNS, "--library", LIBRARY, "--whisper", a.whisper_model])]
     ct2 = os.path.join(ROOT, "build", "peer-models", "whisper-base-ct2")
     for compute in ("int8", "float32"):
         engines.append(Engine(f"faster-whisper {compute}", [PEERS, WORKER, "faster-whisper", ct2, compute]))
-    if "whisper.cpp" in peers_available:
-        engines.append(Engine("whisper.cpp", [PEERS, WORKER, "whisper.cpp", peers_available["whisper.cpp"]]))
     try:
         for e in engines:
             e.job(f"transcribe {os.path.join(SPEECH, clips[0])}")
@@ -182,7 +180,7 @@ def machine():
 
 def versions():
     code = ("import importlib.metadata as m\n"
-            "for p in ('llama-cpp-python', 'faster-whisper', 'ctranslate2', 'pywhispercpp'):\n"
+            "for p in ('llama-cpp-python', 'faster-whisper', 'ctranslate2'):\n"
             "    try: print(p, m.version(p))\n"
             "    except m.PackageNotFoundError: pass")
     found = dict(l.split() for l in subprocess.run([PEERS, "-c", code], capture_output=True, text=True).stdout.splitlines())
@@ -200,32 +198,40 @@ def main():
     parser.add_argument("--whisper-model", default=os.path.join(ROOT, "models", "whisper-base"))
     parser.add_argument("--compare", action="append", default=[], metavar="DIR",
                         help="also run the library on this IR of the Q4_1 GGUF against llama.cpp (repeatable)")
+    parser.add_argument("--only", choices=("llm", "whisper"),
+                        help="run one half and keep the other from the last run's bench/out/peers.json")
     a = parser.parse_args()
     if a.quick:
         a.rounds, a.tokens = 2, 32
     started, t0 = datetime.now(timezone.utc), time.perf_counter()
     paths = json.loads(subprocess.run([PYTHON, os.path.join(HERE, "peer_models.py")], capture_output=True, text=True,
                                       check=True).stdout.strip().splitlines()[-1])
-    peers_available = {}
-    ggml = paths.get("whisper_ggml")
-    if ggml and subprocess.run([PEERS, "-c", "import pywhispercpp"], capture_output=True).returncode == 0:
-        peers_available["whisper.cpp"] = ggml
     result = {"machine": machine(), "versions": versions(), "started": started.strftime("%Y-%m-%d %H:%M UTC"),
-              "rounds": a.rounds, "tokens": a.tokens, "prompt": PROMPT, "llm": []}
-    result["llm"].append(llm_pair(a.llm_model, paths["q4_1_gguf"], a, "Q4_1"))
-    result["llm"].append(llm_pair(paths["q8_0_ir"], paths["q8_0_gguf"], a, "Q8_0"))
-    for extra in a.compare:
-        result["llm"].append(llm_pair(os.path.abspath(extra), paths["q4_1_gguf"], a, f"Q4_1, {os.path.basename(extra)}"))
-    result["whisper"] = whisper_round(a, peers_available)
+              "rounds": a.rounds, "tokens": a.tokens, "prompt": PROMPT}
+    saved = os.path.join(OUT, "peers.json")
+    if a.only and os.path.exists(saved):
+        last = json.load(open(saved))
+        other = "whisper" if a.only == "llm" else "llm"
+        if other in last:
+            result[other] = last[other]
+            result[f"{other}_from"] = last.get(f"{other}_from", last["started"])
+    if a.only != "whisper":
+        result["llm"] = [llm_pair(a.llm_model, paths["q4_1_gguf"], a, "Q4_1", default=True),
+                         llm_pair(paths["q8_0_ir"], paths["q8_0_gguf"], a, "Q8_0")]
+        for extra in a.compare:
+            result["llm"].append(llm_pair(os.path.abspath(extra), paths["q4_1_gguf"], a,
+                                          f"Q4_1, {os.path.basename(extra)}"))
+    if a.only != "llm":
+        result["whisper"] = whisper_round(a)
     result["machine"]["load_end"] = os.getloadavg()
     result["minutes"] = (time.perf_counter() - t0) / 60
     os.makedirs(OUT, exist_ok=True)
-    with open(os.path.join(OUT, "peers.json"), "w") as f:
+    with open(saved, "w") as f:
         json.dump(result, f, indent=1)
     import peers_report
     with open(os.path.join(HERE, "PEERS.md"), "w") as f:
         f.write(peers_report.render(result))
-    print(json.dumps({k: v["tps_ratio"]["median"] for k, v in ((r["label"], r) for r in result["llm"])}))
+    print(json.dumps({p["label"]: p["tps_ratio"]["median"] for p in result.get("llm", [])}))
 
 
 if __name__ == "__main__":

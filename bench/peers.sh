@@ -1,8 +1,7 @@
 #!/bin/sh
 # Compares the library with the engines a user would pick instead, on the same
 # weights: llama.cpp (llama-cpp-python) on the GGUF that models/smollm2 is made
-# from, faster-whisper and whisper.cpp (pywhispercpp, when it builds here) on
-# the Whisper base weights. Writes bench/PEERS.md and bench/peers.png.
+# from, faster-whisper on the Whisper base weights. Writes bench/PEERS.md and bench/peers.png.
 # Options go to bench/peers.py (--rounds N, --tokens N, --quick).
 #
 # The peers live in bench/.venv-peers, made here from PyPI; they never enter
@@ -29,10 +28,6 @@ if ! $PEERS/bin/python -c "import llama_cpp, faster_whisper" 2>/dev/null; then
     export CMAKE_ARGS
     # The Debian cmake (scripts/apt-packages.txt), ahead of any wrapper earlier on PATH.
     PATH=/usr/bin:$PATH nice $PEERS/bin/pip install -q --no-binary llama-cpp-python -r bench/requirements-peers.txt
-fi
-# whisper.cpp's binding is optional: where it does not build, its rows say so.
-if ! $PEERS/bin/python -c "import pywhispercpp" 2>/dev/null; then
-    nice $PEERS/bin/pip install -q "pywhispercpp==1.5.1" >/dev/null 2>&1 || echo "pywhispercpp does not install here: whisper.cpp is left out" >&2
 fi
 if [ ! -x bench/.venv-chart/bin/python ]; then
     .venv/bin/python -m venv bench/.venv-chart

@@ -13,11 +13,11 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 data = json.load(open(os.path.join(HERE, "out", "peers.json")))
 
 rows = []  # (label, spread, target)
-for p in data["llm"]:
-    target = 1.15 if p["label"] == "Q4_1" and p["library_model"] == "models/smollm2" else None
+for p in data.get("llm", []):
+    target = 1.15 if p["default"] else None
     rows.append((f"LLM tok/s vs llama.cpp, {p['label']} ({os.path.basename(p['library_model'])})", p["tps_ratio"], target))
     rows.append((f"LLM first token vs llama.cpp, {p['label']}", p["ttft_ratio"], None))
-for name, e in data["whisper"]["engines"].items():
+for name, e in data.get("whisper", {"engines": {}})["engines"].items():
     if name != "library":
         rows.append((f"Whisper speed vs {name}", e["speed_ratio"], 2.0 if name == "faster-whisper int8" else None))
 

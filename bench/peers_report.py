@@ -30,12 +30,28 @@ def render(r):
         f"Engines: the library (OpenVINO GenAI {v.get('openvino-genai', '?')}) through its C host "
         "`build/bench/velmora-turns`; llama.cpp through llama-cpp-python "
         f"{v.get('llama-cpp-python', '?')}, built from source for this CPU; faster-whisper {v.get('faster-whisper', '?')} "
-        f"(CTranslate2 {v.get('ctranslate2', '?')})"
-        + (f"; whisper.cpp through pywhispercpp {v['pywhispercpp']}" if "pywhispercpp" in v else "") +
-        ". Every engine uses 2 threads and is one process that loaded its model once; a round gives each the same "
+        f"(CTranslate2 {v.get('ctranslate2', '?')}). Every engine uses 2 threads and is one process that loaded its model once; a round gives each the same "
         "job in turn, rotating who goes first.",
         "",
-        "## LLM: tokens per second against llama.cpp on the same GGUF",
+    ]
+    if "llm" in r:
+        lines += llm(r)
+    if "whisper" in r:
+        lines += whisper(r)
+    notes = os.path.join(HERE, "PEERS-notes.md")
+    if os.path.exists(notes):
+        lines += ["", open(notes, encoding="utf-8").read().rstrip()]
+    lines += ["", "![ratios](peers.png)", ""]
+    return "\n".join(lines)
+
+
+def measured_in(r, part):
+    return f" (measured in the run of {r[part + '_from']})" if part + "_from" in r else ""
+
+
+def llm(r):
+    lines = [
+        "## LLM: tokens per second against llama.cpp on the same GGUF" + measured_in(r, "llm"),
         "",
         f"SmolLM2-135M-Instruct, prompt \"{r['prompt']}\", greedy, {r['tokens']} new tokens, end of sequence "
         "ignored. The library runs the IR the runtime converted from the GGUF; llama.cpp runs the GGUF itself. "
@@ -47,7 +63,7 @@ def render(r):
         "|---|---|---|---|---|---|---|---|",
     ]
     for p in r["llm"]:
-        target = LLM_TARGET if p["label"] == "Q4_1" and p["library_model"] == "models/smollm2" else None
+        target = LLM_TARGET if p["default"] else None
         lines.append(
             f"| {p['label']} (`{p['gguf']}`) | `{p['library_model']}` | {fmt(p['tps_ratio'], 3)} | "
             + (f"≥ {target} {verdict(p['tps_ratio']['median'], target)}" if target else "–")
@@ -66,8 +82,12 @@ def render(r):
     first = r["llm"][0]
     lines += ["", f"Greedy text, library on `{first['library_model']}`:", "", "> " + first["text_library"].replace("\n", " "),
               "", "llama.cpp on the same GGUF:", "", "> " + first["text_peer"].replace("\n", " "), ""]
+    return lines
+
+
+def whisper(r):
     w = r["whisper"]
-    lines += ["## Whisper base: real-time factor against faster-whisper" + (" and whisper.cpp" if len(w["engines"]) > 3 else ""),
+    lines = ["## Whisper base: real-time factor against faster-whisper" + measured_in(r, "whisper"),
               "",
               "Speed on 30 s of synthetic speech (`bench/speech.sh`, espeak-ng), greedy, English, no timestamps. "
               "The library runs `models/whisper-base` (float16 IR from `tools/make_whisper_base.py`); faster-whisper "
@@ -81,11 +101,4 @@ def render(r):
         lines.append(f"| {name} | {fmt(e['rtf'], 3)} | " + ("–" if name == "library" else fmt(e["speed_ratio"], 2))
                      + " | " + (f"≥ {target} {verdict(e['speed_ratio']['median'], target)}" if target else "–")
                      + f" | {e['wer'] * 100:.1f} % |")
-    if len(w["engines"]) <= 3:
-        lines += ["", "whisper.cpp: no row, because pywhispercpp did not build here or no GGML weights were made "
-                  "(see the notes)."]
-    notes = os.path.join(HERE, "PEERS-notes.md")
-    if os.path.exists(notes):
-        lines += ["", open(notes, encoding="utf-8").read().rstrip()]
-    lines += ["", "![ratios](peers.png)", ""]
-    return "\n".join(lines)
+    return lines
