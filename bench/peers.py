@@ -209,12 +209,6 @@ def main():
     result = {"machine": machine(), "versions": versions(), "started": started.strftime("%Y-%m-%d %H:%M UTC"),
               "rounds": a.rounds, "tokens": a.tokens, "prompt": PROMPT}
     saved = os.path.join(OUT, "peers.json")
-    if a.only and os.path.exists(saved):
-        last = json.load(open(saved))
-        other = "whisper" if a.only == "llm" else "llm"
-        if other in last:
-            result[other] = last[other]
-            result[f"{other}_from"] = last.get(f"{other}_from", last["started"])
     if a.only != "whisper":
         result["llm"] = [llm_pair(a.llm_model, paths["q4_1_gguf"], a, "Q4_1", default=True),
                          llm_pair(paths["q8_0_ir"], paths["q8_0_gguf"], a, "Q8_0")]
@@ -224,6 +218,13 @@ def main():
     if a.only != "llm":
         result["whisper"] = whisper_round(a)
     result["machine"]["load_end"] = os.getloadavg()
+    if a.only and os.path.exists(saved):
+        last = json.load(open(saved))
+        other = "whisper" if a.only == "llm" else "llm"
+        if other in last:
+            result[other] = last[other]
+            result[f"{other}_from"] = last.get(f"{other}_from", last["started"])
+
     result["minutes"] = (time.perf_counter() - t0) / 60
     os.makedirs(OUT, exist_ok=True)
     with open(saved, "w") as f:
