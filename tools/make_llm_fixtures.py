@@ -21,6 +21,7 @@ unless --force is given.
 import argparse
 import importlib.util
 import json
+import re
 import shutil
 import subprocess
 import sys
@@ -43,6 +44,15 @@ MODEL_FILES = (
 TINY_SEED = 20240611
 TINY_SHAPE = dict(layers=2, hidden=64, heads=4, kv_heads=2, ffn=128, context=2048)
 TOKEN_TYPE_CONTROL = 3
+
+# Runtime options written into SmolLM2's rt_info, which the runtime applies when
+# it compiles the model: the library passes no CPU properties, so this is where
+# the default model is tuned. Chosen by measurement (bench/peers.sh, 128 greedy
+# tokens, 2 threads, interleaved rounds; perplexity by bench/perplexity.py):
+SMOLLM2_OPTIONS = {
+    # RUNTIME_OPTIONS_NOTE
+    "KV_CACHE_PRECISION": "u8",
+}
 
 
 def smollm2_gguf() -> Path:
@@ -149,6 +159,26 @@ def convert(gguf_path: Path) -> None:
     subprocess.run([sys.executable, "-c", code, str(gguf_path)], check=True)
 
 
+def write_runtime_options(xml: Path, options: dict[str, str]) -> None:
+    """Adds options to the model's own rt_info (the last one, after the layers)
+    by editing the text, so the rest of the file and the weights stay byte for
+    byte as converted."""
+    text = xml.read_text(encoding="utf-8")
+    at = text.rfind("\n\t<rt_info>\n")
+    head, tail = text[:at], text[at:]
+    if at < 0 or not tail.rstrip().endswith("</rt_info>\n</net>"):
+        raise RuntimeError(f"{xml} has no model rt_info to take the runtime options")
+    if "\t\t<runtime_options>\n" not in tail:
+        tail = tail.replace("\t</rt_info>", "\t\t<runtime_options>\n\t\t</runtime_options>\n\t</rt_info>", 1)
+    for name, value in options.items():
+        entry = f'\t\t\t<{name} value="{value}" />\n'
+        # The converter writes some options itself (KV_CACHE_PRECISION for F16 weights): ours replace them.
+        tail, replaced = re.subn(rf"\t\t\t<{name} value=\"[^\"]*\" />\n", entry, tail)
+        if not replaced:
+            tail = tail.replace("\t\t<runtime_options>\n", "\t\t<runtime_options>\n" + entry, 1)
+    xml.write_text(head + tail, encoding="utf-8")
+
+
 def write_generation_config(directory: Path, ids: dict[str, int]) -> None:
     # What a model's own generation_config.json holds: its special ids and greedy
     # decoding. No length bound: callers choose max_new_tokens.
@@ -156,7 +186,7 @@ def write_generation_config(directory: Path, ids: dict[str, int]) -> None:
     (directory / "generation_config.json").write_text(json.dumps(config, indent=2) + "\n")
 
 
-def build(target: Path, make_gguf) -> None:
+def build(target: Path, make_gguf, options: dict[str, str]) -> None:
     """Builds into a scratch directory beside target and renames it into place."""
     scratch = target.with_name(f".{target.name}.partial")
     shutil.rmtree(scratch, ignore_errors=True)
@@ -166,6 +196,8 @@ def build(target: Path, make_gguf) -> None:
     ids = special_ids(gguf_path)
     convert(gguf_path)
     gguf_path.unlink()
+    if options:
+        write_runtime_options(scratch / "openvino_model.xml", options)
     write_generation_config(scratch, ids)
     if missing := missing_files(scratch):
         raise RuntimeError(f"conversion of {target.name} did not write {', '.join(missing)}")
@@ -177,9 +209,11 @@ def missing_files(directory: Path) -> list[str]:
     return [name for name in MODEL_FILES if not (directory / name).is_file()]
 
 
+# name: (writes the GGUF, runtime options). tiny-llm keeps what the converter
+# chose: it exists to load fast and behave the same in every test.
 FIXTURES = {
-    "smollm2": lambda path: shutil.copyfile(smollm2_gguf(), path),
-    "tiny-llm": write_tiny_gguf,
+    "smollm2": (lambda path: shutil.copyfile(smollm2_gguf(), path), SMOLLM2_OPTIONS),
+    "tiny-llm": (write_tiny_gguf, {}),
 }
 
 
@@ -190,13 +224,13 @@ def main() -> int:
     parser.add_argument("--force", action="store_true", help="rebuild fixtures that exist")
     args = parser.parse_args()
 
-    for name, make_gguf in FIXTURES.items():
+    for name, (make_gguf, options) in FIXTURES.items():
         target = args.root.resolve() / name
         if not missing_files(target) and not args.force:
             print(f"{target}: complete, skipped")
             continue
         print(f"{target}: building")
-        build(target, make_gguf)
+        build(target, make_gguf, options)
         print(f"{target}: done")
     return 0
 
