@@ -47,7 +47,7 @@ if ! cat "${export_requirements[@]}" | cmp -s - .venv-export/.requirements; then
 fi
 
 echo "== building"
-cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVELMORA_BUILD_TESTS=ON >/dev/null
+cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVELMORA_BUILD_TESTS=ON -DVELMORA_WERROR=ON >/dev/null
 cmake --build build
 
 echo "== model fixtures"

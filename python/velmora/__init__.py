@@ -17,8 +17,8 @@ from __future__ import annotations
 import os
 
 from ._abi import DEVICES
-from ._version import __version__
 from ._library import LIBRARY_FILE, Library, find_library, load_library
+from ._version import __version__
 from .config import Config
 from .errors import PropertyError, VelmoraError
 from .llm import DEFAULT_CONTEXT_LENGTH, LlmModel, TextStream

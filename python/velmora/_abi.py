@@ -2,7 +2,6 @@
 the language-map record. Field order is the slot order and must not change."""
 from __future__ import annotations
 
-import ctypes
 from ctypes import CFUNCTYPE, POINTER, Structure, c_char_p, c_float, c_int, c_int32, c_int64, c_size_t, c_void_p
 
 Status = c_int32

@@ -3,7 +3,6 @@ settings by name, and copying buffers out before giving them back."""
 from __future__ import annotations
 
 import ctypes
-import math
 import os
 import signal
 import threading

@@ -175,7 +175,7 @@ class TextStream(Iterator[str]):
         self._finished = True  # until the worker runs: nothing for close() or __del__ to end
         self._model = model
         data = _prompt(prompt)
-        model.handle  # a closed model says so here, not from the worker
+        model.handle  # noqa: B018 - a closed model says so here, not from the worker
         self._pieces: queue.SimpleQueue = queue.SimpleQueue()
         self._stop = stop = threading.Event()
         pieces = self._pieces

@@ -130,7 +130,7 @@ class WhisperModel(Model):
     def _write_lang_to_id(self, handle: ctypes.c_void_p, items: list[tuple[str, int]]) -> None:
         keys = [encode(language, "lang_to_id key") for language, _ in items]
         records = (_abi.LangIdPair * len(items))()
-        for record, key, (_, token) in zip(records, keys, items):
+        for record, key, (_, token) in zip(records, keys, items, strict=True):
             record.language = ctypes.cast(ctypes.c_char_p(key), ctypes.c_void_p)
             record.id = int(token)
         self._call("SetLangToId", self._api.SetLangToId, handle, records, len(items))
@@ -192,7 +192,7 @@ class WhisperModel(Model):
                 for other, text in texts.items():
                     self._call("SetConfigProperty", self._api.SetConfigProperty, new, encode(other), text)
                 self._write_lang_to_id(new, languages)
-                for (_, put, _), values in zip(lists, ids):
+                for (_, put, _), values in zip(lists, ids, strict=True):
                     array = (ctypes.c_int64 * len(values))(*values)
                     self._call(put, getattr(self._api, put), new, array, len(values))
             except BaseException:

@@ -15,21 +15,69 @@ int32_t FreeTokens(int64_t* ids) { return velmora::FreeBuffer(ids); }
 namespace llm = velmora::llm;
 namespace whisper = velmora::whisper;
 
-constexpr LlmApiBase llmApi = {
-    llm::InitModel,         llm::DestroyModel,   llm::QueryModel,     llm::StreamModel,   FreeString,
-    llm::SetConfigProperty, llm::GetConfigProperty, FreeString,        llm::SetStopStrings, llm::GetStopStrings,
-    FreeStringArray,        llm::SetStopTokens,  llm::GetStopTokens,  FreeBuffer,         llm::Tokenize,
-    FreeTokens,             llm::CancelModel,    llm::CompileModel,
-};
+// Each table is filled slot by slot by name, so two slots of one signature
+// cannot trade places; Filled() refuses to build a table with a slot left out.
+constexpr LlmApiBase MakeLlmApi() {
+    LlmApiBase api{};
+    api.InitModel = llm::InitModel;
+    api.DestroyModel = llm::DestroyModel;
+    api.QueryModel = llm::QueryModel;
+    api.StreamModel = llm::StreamModel;
+    api.FreeQueryResult = FreeString;
+    api.SetConfigProperty = llm::SetConfigProperty;
+    api.GetConfigProperty = llm::GetConfigProperty;
+    api.FreeConfigProperty = FreeString;
+    api.SetStopStrings = llm::SetStopStrings;
+    api.GetStopStrings = llm::GetStopStrings;
+    api.FreeStopStrings = FreeStringArray;
+    api.SetStopTokens = llm::SetStopTokens;
+    api.GetStopTokens = llm::GetStopTokens;
+    api.FreeStopTokens = FreeBuffer;
+    api.Tokenize = llm::Tokenize;
+    api.FreeTokens = FreeTokens;
+    api.CancelModel = llm::CancelModel;
+    api.CompileModel = llm::CompileModel;
+    return api;
+}
 
-constexpr WhisperApiBase whisperApi = {
-    whisper::InitModel,         whisper::DestroyModel,  whisper::QueryModel,
-    FreeString,                 whisper::SetConfigProperty, whisper::GetConfigProperty,
-    FreeString,                 whisper::GetLangToId,   whisper::SetLangToId,
-    FreeBuffer,                 whisper::GetBeginSuppressTokens, whisper::SetBeginSuppressTokens,
-    FreeBuffer,                 whisper::GetSuppressTokens, whisper::SetSuppressTokens,
-    FreeBuffer,                 whisper::CancelModel,
-};
+constexpr WhisperApiBase MakeWhisperApi() {
+    WhisperApiBase api{};
+    api.InitModel = whisper::InitModel;
+    api.DestroyModel = whisper::DestroyModel;
+    api.QueryModel = whisper::QueryModel;
+    api.FreeQueryResult = FreeString;
+    api.SetConfigProperty = whisper::SetConfigProperty;
+    api.GetConfigProperty = whisper::GetConfigProperty;
+    api.FreeConfigProperty = FreeString;
+    api.GetLangToId = whisper::GetLangToId;
+    api.SetLangToId = whisper::SetLangToId;
+    api.FreeLangToId = FreeBuffer;
+    api.GetBeginSuppressTokens = whisper::GetBeginSuppressTokens;
+    api.SetBeginSuppressTokens = whisper::SetBeginSuppressTokens;
+    api.FreeBeginSuppressTokens = FreeBuffer;
+    api.GetSuppressTokens = whisper::GetSuppressTokens;
+    api.SetSuppressTokens = whisper::SetSuppressTokens;
+    api.FreeSuppressTokens = FreeBuffer;
+    api.CancelModel = whisper::CancelModel;
+    return api;
+}
+
+// The bindings must match the slot count, so a slot added to the header fails here until it is filled above.
+constexpr bool Filled(const LlmApiBase& api) {
+    const auto& [s0, s1, s2, s3, s4, s5, s6, s7, s8, s9, s10, s11, s12, s13, s14, s15, s16, s17] = api;
+    return s0 && s1 && s2 && s3 && s4 && s5 && s6 && s7 && s8 && s9 && s10 && s11 && s12 && s13 && s14 && s15 &&
+           s16 && s17;
+}
+
+constexpr bool Filled(const WhisperApiBase& api) {
+    const auto& [s0, s1, s2, s3, s4, s5, s6, s7, s8, s9, s10, s11, s12, s13, s14, s15, s16] = api;
+    return s0 && s1 && s2 && s3 && s4 && s5 && s6 && s7 && s8 && s9 && s10 && s11 && s12 && s13 && s14 && s15 && s16;
+}
+
+constexpr LlmApiBase llmApi = MakeLlmApi();
+constexpr WhisperApiBase whisperApi = MakeWhisperApi();
+static_assert(Filled(llmApi), "every LLM slot is filled");
+static_assert(Filled(whisperApi), "every Whisper slot is filled");
 
 }  // namespace
 

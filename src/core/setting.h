@@ -11,6 +11,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <type_traits>
 #include <variant>
 #include <vector>
 
@@ -23,6 +24,25 @@ using SettingValue = std::variant<std::size_t, int64_t, float, bool, StopCriteri
                                   std::set<std::string>, std::set<int64_t>, std::map<std::string, int64_t>,
                                   std::vector<int64_t>>;
 enum class SettingKind { Size, Integer, Float, Bool, StopCriteria, Text, TextSet, IdSet, LanguageMap, IdList };
+
+namespace setting_detail {
+template <SettingKind Kind, class T>
+constexpr bool Names() {
+    return std::is_same_v<std::variant_alternative_t<static_cast<std::size_t>(Kind), SettingValue>, T>;
+}
+}  // namespace setting_detail
+// kind() casts the variant's index, so a type moved in one list and not the other must not build.
+static_assert(std::variant_size_v<SettingValue> == static_cast<std::size_t>(SettingKind::IdList) + 1 &&
+              setting_detail::Names<SettingKind::Size, std::size_t>() &&
+              setting_detail::Names<SettingKind::Integer, int64_t>() &&
+              setting_detail::Names<SettingKind::Float, float>() && setting_detail::Names<SettingKind::Bool, bool>() &&
+              setting_detail::Names<SettingKind::StopCriteria, StopCriteria>() &&
+              setting_detail::Names<SettingKind::Text, std::optional<std::string>>() &&
+              setting_detail::Names<SettingKind::TextSet, std::set<std::string>>() &&
+              setting_detail::Names<SettingKind::IdSet, std::set<int64_t>>() &&
+              setting_detail::Names<SettingKind::LanguageMap, std::map<std::string, int64_t>>() &&
+              setting_detail::Names<SettingKind::IdList, std::vector<int64_t>>(),
+              "SettingKind must name the types of SettingValue in their order");
 
 namespace setting_detail {
 template <class Config, class Values>
@@ -47,5 +67,23 @@ struct Setting {
 };
 
 inline constexpr bool kListSlotOnly = false;
+
+namespace setting_detail {
+constexpr bool SameName(const char* a, const char* b) {
+    while (*a != '\0' && *a == *b) ++a, ++b;
+    return *a == *b;
+}
+}  // namespace setting_detail
+
+// For a static_assert beside each table: a name found twice would hide its
+// second row, and a member named twice would answer to two names.
+template <class Config, std::size_t N>
+constexpr bool NamesAndMembersAreUnique(const Setting<Config> (&table)[N]) {
+    for (std::size_t i = 0; i < N; ++i)
+        for (std::size_t j = i + 1; j < N; ++j)
+            if (setting_detail::SameName(table[i].name, table[j].name) || table[i].member == table[j].member)
+                return false;
+    return true;
+}
 
 }  // namespace velmora

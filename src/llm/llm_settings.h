@@ -72,5 +72,6 @@ inline constexpr Setting<G> kSettings[] = {
     {"apply_chat_template", &G::apply_chat_template, kListSlotOnly},
     {"eos_token_id", &G::eos_token_id},
 };
+static_assert(NamesAndMembersAreUnique(kSettings), "each setting has one name and one member");
 
 }  // namespace velmora::llm

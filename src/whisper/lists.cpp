@@ -23,12 +23,12 @@ int32_t GetTokens(void* handle, TokenList list, const char* nullMessage, int64_t
     });
 }
 
-// The setters walk the host's array with a 32-bit index, as hosts expect.
+// Hosts keep a setter's count below 2^31; a size_t index stays defined past that.
 int32_t SetTokens(void* handle, TokenList list, const char* nullMessage, const int64_t* ids, size_t count) {
     return RunSlot(Family::Whisper, handle, nullMessage, [&] {
         std::vector<int64_t>& target = ModelOf(handle).config.*list;
         target.clear();
-        for (int32_t i = 0; static_cast<size_t>(i) < count; ++i) target.push_back(ids[i]);
+        for (size_t i = 0; i < count; ++i) target.push_back(ids[i]);
         return STATUS_OK;
     });
 }
@@ -74,7 +74,7 @@ int32_t SetLangToId(void* handle, const LangIdPair* pairs, size_t count) {
         map.clear();
         try {
             // emplace keeps the first id of a repeated key.
-            for (int32_t i = 0; static_cast<size_t>(i) < count; ++i) map.emplace(pairs[i].language, pairs[i].id);
+            for (size_t i = 0; i < count; ++i) map.emplace(pairs[i].language, pairs[i].id);
         } catch (const std::exception&) {
             throw SlotFailure(1, "An error occurred setting lang_to_id");
         }

@@ -56,5 +56,6 @@ inline constexpr Setting<W> kSettings[] = {
     {"begin_suppress_tokens", &W::begin_suppress_tokens, kListSlotOnly},
     {"suppress_tokens", &W::suppress_tokens, kListSlotOnly},
 };
+static_assert(NamesAndMembersAreUnique(kSettings), "each setting has one name and one member");
 
 }  // namespace velmora::whisper
