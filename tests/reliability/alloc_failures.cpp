@@ -176,9 +176,8 @@ long FailEach(const Slot& slot, const std::function<State()>& state) {
         EXPECT_GE(seen, at);
         EXPECT_EQ(errors.size(), 1u);
         if (!errors.empty())
-            EXPECT_NE(std::find(slot.failures.begin(), slot.failures.end(), std::make_pair(status, errors.front())),
-                      slot.failures.end())
-                << status << ": " << errors.front();
+            EXPECT_TRUE(std::count(slot.failures.begin(), slot.failures.end(), std::make_pair(status, errors.front())))
+                << "status " << status << ": " << errors.front();
         EXPECT_EQ(state(), before);
         if (slot.rerun) {
             EXPECT_EQ(run(0), 0);
