@@ -132,7 +132,7 @@ TEST(Concurrency, HandlesOfBothFamiliesComeAndGoOnSeveralThreads) {
     }
     ASSERT_NE(expected, "<failed>");
     std::shared_mutex llmInits, whisperInits;
-    const int rounds = 6;
+    const int rounds = 4;
     auto work = [&](int t) {
         for (int r = 0; r < rounds; ++r) {
             void* handle = nullptr;
