@@ -19,6 +19,7 @@
 #include <map>
 #include <new>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "../host/harness.h"
@@ -134,6 +135,20 @@ int32_t Counted(Call&& call) {
     return status;
 }
 
+// A counted call of a slot that writes `T` (and a count, for the slots that
+// take one): released on success, left unwritten on failure.
+template <class T, class Call, class Release>
+std::function<int32_t()> Writing(Call call, Release release) {
+    return [=] {
+        T out = Untouched<std::remove_pointer_t<T>>();
+        size_t count = 9;
+        const int32_t status = Counted([&] { return call(&out, &count); });
+        if (status == 0) release(out, count);
+        else EXPECT_TRUE(out == Untouched<std::remove_pointer_t<T>>() && count == 9);
+        return status;
+    };
+}
+
 using State = std::map<std::string, std::string>;
 
 struct Slot {
@@ -237,14 +252,9 @@ long FailSettings(const Table& table, const Api& api, void* handle, const std::f
                             [=, &api] { ASSERT_EQ(api.SetConfigProperty(handle, row.name, old.c_str()), 0); }},
                            state);
         points += FailEach({"get " + name,
-                            [=, &api] {
-                                char* text = Untouched<char>();
-                                const int32_t status =
-                                    Counted([&] { return api.GetConfigProperty(handle, row.name, &text); });
-                                if (status == 0) api.FreeConfigProperty(text);
-                                else EXPECT_EQ(text, Untouched<char>());
-                                return status;
-                            },
+                            Writing<char*>([=, &api](char** text,
+                                                     size_t*) { return api.GetConfigProperty(handle, row.name, text); },
+                                           [&api](char* text, size_t) { api.FreeConfigProperty(text); }),
                             {{1, "An error occurred getting property " + name + ": std::bad_alloc"}}},
                            state);
     }
@@ -306,28 +316,15 @@ TEST_F(AllocationFailures, LlmSlotsFailCleanlyAtEveryAllocation) {
                         bare, [&] { ASSERT_EQ(llm.SetStopStrings(h, const_cast<const char**>(stops), 2), 0); }},
                        state);
     points += FailEach({"GetStopStrings",
-                        [&] {
-                            char** strings = Untouched<char*>();
-                            size_t count = 9;
-                            const int32_t status = Counted([&] { return llm.GetStopStrings(h, &strings, &count); });
-                            if (status == 0) llm.FreeStopStrings(strings, count);
-                            else EXPECT_TRUE(strings == Untouched<char*>() && count == 9);
-                            return status;
-                        },
+                        Writing<char**>([&](char*** o, size_t* n) { return llm.GetStopStrings(h, o, n); },
+                                        llm.FreeStopStrings),
                         bare},
                        state);
     points += FailEach({"SetStopTokens", [&] { return Counted([&] { return llm.SetStopTokens(h, otherIds, 3); }); },
                         bare, [&] { ASSERT_EQ(llm.SetStopTokens(h, ids, 2), 0); }},
                        state);
     const auto getIds = [&](auto get) {
-        return [&, get] {
-            int64_t* out = Untouched<int64_t>();
-            size_t count = 9;
-            const int32_t status = Counted([&] { return get(&out, &count); });
-            if (status == 0) llm.FreeTokens(out);
-            else EXPECT_TRUE(out == Untouched<int64_t>() && count == 9);
-            return status;
-        };
+        return Writing<int64_t*>(get, [&](int64_t* ids, size_t) { llm.FreeTokens(ids); });
     };
     points += FailEach({"GetStopTokens", getIds([&](int64_t** o, size_t* n) { return llm.GetStopTokens(h, o, n); }),
                         bare},
@@ -336,13 +333,8 @@ TEST_F(AllocationFailures, LlmSlotsFailCleanlyAtEveryAllocation) {
         {"Tokenize", getIds([&](int64_t** o, size_t* n) { return llm.Tokenize(h, "Once upon a time", o, n); }), bare},
         state);
     points += FailEach({"QueryModel",
-                        [&] {
-                            char* text = Untouched<char>();
-                            const int32_t status = Counted([&] { return llm.QueryModel(h, "Once upon", &text); });
-                            if (status == 0) llm.FreeQueryResult(text);
-                            else EXPECT_EQ(text, Untouched<char>());
-                            return status;
-                        },
+                        Writing<char*>([&](char** text, size_t*) { return llm.QueryModel(h, "Once upon", text); },
+                                       [&](char* text, size_t) { llm.FreeQueryResult(text); }),
                         {{3, "Failure during config validation: std::bad_alloc"},
                          {5, "An unknown error occurred while querying the model: std::bad_alloc"}}},
                        state);
@@ -386,18 +378,12 @@ TEST_F(AllocationFailures, WhisperSlotsFailCleanlyAtEveryAllocation) {
                         [&] { ASSERT_EQ(whisper.SetLangToId(h, languages, 2), 0); }},
                        state);
     points += FailEach({"GetLangToId",
-                        [&] {
-                            LangIdPair* pairs = Untouched<LangIdPair>();
-                            size_t count = 9;
-                            const int32_t status = Counted([&] { return whisper.GetLangToId(h, &pairs, &count); });
-                            if (status == 0) {
-                                for (size_t i = 0; i < count; ++i) whisper.FreeQueryResult(pairs[i].language);
-                                whisper.FreeLangToId(pairs);
-                            } else {
-                                EXPECT_TRUE(pairs == Untouched<LangIdPair>() && count == 9);
-                            }
-                            return status;
-                        },
+                        Writing<LangIdPair*>([&](LangIdPair** o, size_t* n) { return whisper.GetLangToId(h, o, n); },
+                                             [&](LangIdPair* pairs, size_t count) {
+                                                 for (size_t i = 0; i < count; ++i)
+                                                     whisper.FreeQueryResult(pairs[i].language);
+                                                 whisper.FreeLangToId(pairs);
+                                             }),
                         {{1, "An error occurred getting lang_to_id"}}},
                        state);
     using Get = int32_t (*)(void*, int64_t**, size_t*);
@@ -409,14 +395,8 @@ TEST_F(AllocationFailures, WhisperSlotsFailCleanlyAtEveryAllocation) {
                             bare, [&, set = set] { ASSERT_EQ(set(h, ids, 2), 0); }},
                            state);
         points += FailEach({"get tokens",
-                            [&, get = get] {
-                                int64_t* out = Untouched<int64_t>();
-                                size_t count = 9;
-                                const int32_t status = Counted([&] { return get(h, &out, &count); });
-                                if (status == 0) whisper.FreeBeginSuppressTokens(out);
-                                else EXPECT_TRUE(out == Untouched<int64_t>() && count == 9);
-                                return status;
-                            },
+                            Writing<int64_t*>([&, get = get](int64_t** o, size_t* n) { return get(h, o, n); },
+                                              [&](int64_t* ids, size_t) { whisper.FreeBeginSuppressTokens(ids); }),
                             bare},
                            state);
     }
@@ -429,34 +409,26 @@ TEST_F(AllocationFailures, InitModelOfEitherFamilyFailsCleanlyAtEveryAllocation)
     const auto& whisper = Whisper();
     const std::vector<std::pair<int32_t, std::string>> bare{{1, "std::bad_alloc"}};
     const auto nothing = [] { return State{}; };
+    // Each call logs once, whatever happens after.
+    const auto init = [&](auto call, auto destroy) {
+        return Writing<void*>(
+            [=](void** handle, size_t*) {
+                logs = 0;
+                const int32_t status = call(handle);
+                EXPECT_EQ(logs, 1);
+                return status;
+            },
+            [=](void* handle, size_t) { destroy(handle); });
+    };
+    const std::string llmDir = host::ModelDir("tiny-llm").string(), whisperDir = host::ModelDir("tiny-whisper").string();
     points += FailEach({"InitModel",
-                        [&] {
-                            void* other = Untouched<void>();
-                            logs = 0;
-                            const int32_t status = Counted([&] {
-                                return llm.InitModel(host::ModelDir("tiny-llm").c_str(), DEVICE_CPU, 3, &other,
-                                                     &callbacks);
-                            });
-                            EXPECT_EQ(logs, 1);
-                            if (status == 0) llm.DestroyModel(other);
-                            else EXPECT_EQ(other, Untouched<void>());
-                            return status;
-                        },
+                        init([&](void** o) { return llm.InitModel(llmDir.c_str(), DEVICE_CPU, 3, o, &callbacks); },
+                             llm.DestroyModel),
                         bare, [] {}, false},
                        nothing);
     points += FailEach({"InitModel",
-                        [&] {
-                            void* other = Untouched<void>();
-                            logs = 0;
-                            const int32_t status = Counted([&] {
-                                return whisper.InitModel(host::ModelDir("tiny-whisper").c_str(), DEVICE_CPU, &other,
-                                                         &callbacks);
-                            });
-                            EXPECT_EQ(logs, 1);
-                            if (status == 0) whisper.DestroyModel(other);
-                            else EXPECT_EQ(other, Untouched<void>());
-                            return status;
-                        },
+                        init([&](void** o) { return whisper.InitModel(whisperDir.c_str(), DEVICE_CPU, o, &callbacks); },
+                             whisper.DestroyModel),
                         bare, [] {}, false},
                        nothing);
 }
