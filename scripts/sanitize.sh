@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Sanitizer runs, each from its CMake preset (CMakePresets.json):
-#   asan  the library's tests with AddressSanitizer + UndefinedBehaviorSanitizer
+#   asan  the library's tests with AddressSanitizer + UndefinedBehaviorSanitizer,
+#         and every allocation of the slots failed in turn under LeakSanitizer
 #         (build-asan; which tests, see tests/sanitizers/tests.cmake)
 #   tsan  the cancel and concurrency tests with ThreadSanitizer (build-tsan)
 #   leak  the leak cycle under LeakSanitizer, LEAK_CYCLES cycles (default 20)
@@ -20,7 +21,7 @@ for step in "${steps[@]}"; do
   case $step in
     asan)
       cmake --preset asan >/dev/null
-      cmake --build --preset asan --target unit_tests host_tests c_host
+      cmake --build --preset asan --target unit_tests host_tests c_host alloc_failures
       ctest --preset asan || status=1
       ;;
     tsan)

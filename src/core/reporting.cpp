@@ -30,13 +30,13 @@ void Log(Family family, const char* message) {
     if (MessageFn fn = PairOf(family).log.load(std::memory_order_relaxed)) fn(message);
 }
 
-void Report(Family family, const std::string& message) {
-    if (MessageFn fn = PairOf(family).error.load(std::memory_order_relaxed)) fn(message.c_str());
+void Report(Family family, const char* message) {
+    if (MessageFn fn = PairOf(family).error.load(std::memory_order_relaxed)) fn(message);
 }
 
-std::string TextOf(const std::exception& e) {
+const char* TextOf(const std::exception& e) {
     const char* text = e.what();
-    return (text == nullptr || *text == '\0') ? std::string("Unknown exception") : std::string(text);
+    return (text == nullptr || *text == '\0') ? "Unknown exception" : text;
 }
 
 }  // namespace velmora

@@ -18,11 +18,12 @@ enum class Family { Llm, Whisper };
 // Replaces the family's pair; reads nothing else from the host.
 void StoreCallbacks(Family family, const HostCallbacks& callbacks);
 void Log(Family family, const char* message);
-// Calls the family's `error` once, or nothing while none is stored.
-void Report(Family family, const std::string& message);
+// Calls the family's `error` once, or nothing while none is stored. Takes the
+// text as it stands: reporting allocates nothing, so it works when memory is out.
+void Report(Family family, const char* message);
 
 // what(), or "Unknown exception" for an exception without text.
-std::string TextOf(const std::exception& e);
+const char* TextOf(const std::exception& e);
 
 // A failure already turned into its status and final message.
 class SlotFailure : public std::exception {
@@ -96,7 +97,7 @@ int32_t RunSlot(Family family, const void* handle, const char* nullMessage, Body
             return STATUS_FAILED;
         }
     } catch (...) {
-        // Building the message itself failed (no memory): the status still says it.
+        // Only a host `error` that throws gets here: the status still says it.
         return STATUS_FAILED;
     }
 }

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <type_traits>
 
 #include "setting.h"
@@ -61,7 +62,7 @@ constexpr bool kHasText = !std::is_class_v<T> || std::is_same_v<T, std::optional
 
 // The row reachable by exactly this name (bytes and length; nothing trimmed), or null.
 template <class Config, std::size_t N>
-const Setting<Config>* FindSetting(const Setting<Config> (&table)[N], const std::string& name) {
+const Setting<Config>* FindSetting(const Setting<Config> (&table)[N], std::string_view name) {
     for (const Setting<Config>& row : table)
         if (row.byName && name == row.name) return &row;
     return nullptr;
@@ -103,18 +104,18 @@ ReadOutcome ReadSetting(const Setting<Config>& row, const Config& config, std::s
 
 // The body of a SetConfigProperty slot: 0 when stored, 1 for a text refused
 // without a message. Every other failure throws std::runtime_error whose
-// what() is the whole message for the host.
+// what() is the whole message for the host. The host's texts are copied inside
+// the guard, so a copy that fails is reported with the name and value too.
 template <class Config, std::size_t N>
 int32_t SetByName(const Setting<Config> (&table)[N], Config& config, const char* name, const char* value) {
-    const std::string nameText(name);
-    const std::string valueText(value);
-    const Setting<Config>* row = FindSetting(table, nameText);
+    const Setting<Config>* row = FindSetting(table, name);
     if (row == nullptr)
-        throw std::runtime_error("An error occurred setting property " + nameText + ". Property name not supported.");
+        throw std::runtime_error("An error occurred setting property " + std::string(name) +
+                                 ". Property name not supported.");
     try {
-        return StoreSetting(*row, config, valueText) ? 0 : 1;
+        return StoreSetting(*row, config, std::string(value)) ? 0 : 1;
     } catch (const std::exception& e) {
-        throw std::runtime_error("An error occurred setting property " + nameText + " with value " + valueText +
+        throw std::runtime_error("An error occurred setting property " + std::string(name) + " with value " + value +
                                  ": " + e.what());
     }
 }
@@ -124,8 +125,7 @@ int32_t SetByName(const Setting<Config> (&table)[N], Config& config, const char*
 // that has no name. Every other failure throws as SetByName does.
 template <class Config, std::size_t N, class Deliver>
 int32_t GetByName(const Setting<Config> (&table)[N], const Config& config, const char* name, Deliver&& deliver) {
-    const std::string nameText(name);
-    const Setting<Config>* row = FindSetting(table, nameText);
+    const Setting<Config>* row = FindSetting(table, name);
     ReadOutcome outcome = ReadOutcome::Absent;
     if (row != nullptr) {
         try {
@@ -136,11 +136,12 @@ int32_t GetByName(const Setting<Config> (&table)[N], const Config& config, const
                 return 0;
             }
         } catch (const std::exception& e) {
-            throw std::runtime_error("An error occurred getting property " + nameText + ": " + e.what());
+            throw std::runtime_error("An error occurred getting property " + std::string(name) + ": " + e.what());
         }
     }
     if (outcome == ReadOutcome::Unnamed) return 1;
-    throw std::runtime_error("An error occurred getting property " + nameText + ". Property name not supported.");
+    throw std::runtime_error("An error occurred getting property " + std::string(name) +
+                             ". Property name not supported.");
 }
 
 }  // namespace velmora

@@ -7,6 +7,7 @@
 #include <string>
 
 #include <openvino/core/except.hpp>
+#include <openvino/core/version.hpp>
 
 #include "python.h"
 #include "runtime_layout.h"
@@ -49,6 +50,48 @@ void RefuseForeignInterpreter() {
     if (running != kEmbedded)
         throw std::runtime_error(std::string("Python runtime could not start: this library embeds Python ") +
                                  kEmbedded + ", but this process runs Python " + running);
+}
+
+// "2025.3.0" from "2025.3.0.0-2463-..." or "2025.3.0-19807-...": the release.
+std::string ReleaseOf(const std::string& version) {
+    std::size_t end = 0;
+    for (int part = 0; part < 3 && end < version.size(); ++part) {
+        end = version.find_first_not_of("0123456789", end);
+        if (part < 2 && end != std::string::npos && version[end] == '.') ++end;
+    }
+    return version.substr(0, end);
+}
+
+const std::string& OurRelease() {
+    static const std::string release = std::to_string(OPENVINO_VERSION_MAJOR) + "." +
+                                       std::to_string(OPENVINO_VERSION_MINOR) + "." +
+                                       std::to_string(OPENVINO_VERSION_PATCH);
+    return release;
+}
+
+void RefuseRelease(const std::string& theirs, const char* where) {
+    if (ReleaseOf(theirs) != OurRelease())
+        throw std::runtime_error("OpenVINO runtime could not start: this library runs OpenVINO " + OurRelease() +
+                                 ", but " + where + " OpenVINO " + ReleaseOf(theirs));
+}
+
+// Two releases of the runtime in one process share symbol names: the
+// pipelines of one would run beside, or on top of, the core of the other. A
+// host's own release is refused before anything of ours is imported: the one
+// it imported already, or the one its interpreter would import.
+void RefuseForeignRuntime(bool joined) {
+    RefuseRelease(ov::get_openvino_version().buildNumber, "this process has loaded");
+    if (!joined) return;
+    const py::dict modules = py::module_::import("sys").attr("modules");
+    for (const char* name : {"openvino_genai", "openvino"}) {
+        if (modules.contains(name) && py::hasattr(modules[name], "__version__")) {
+            RefuseRelease(py::str(modules[name].attr("__version__")), "this process has already imported");
+            return;
+        }
+    }
+    if (!py::module_::import("importlib.util").attr("find_spec")("openvino_genai").is_none())
+        RefuseRelease(py::str(py::module_::import("importlib.metadata").attr("version")("openvino-genai")),
+                      "this process's Python carries");
 }
 
 // The runtime folder lies beside the library's own file, wherever the install
@@ -122,12 +165,14 @@ void Start() {
     if (Py_IsInitialized()) {
         py::gil_scoped_acquire gil;
         try {
+            RefuseForeignRuntime(true);
             ImportRuntime(true);
         } catch (py::error_already_set& error) {
             RethrowRuntimeError(error);
         }
         return;
     }
+    RefuseForeignRuntime(false);
     PromoteLibpythonSymbols();
     StartInterpreter();
     // Let any thread take the lock from now on, also after a failed import.

@@ -26,9 +26,10 @@ struct StringArray {
 
 int32_t SetStopStrings(void* handle, const char** strings, size_t count) {
     return RunSlot(Family::Llm, handle, "Model handle is null when setting stop strings", [&] {
-        std::set<std::string>& stops = ConfigOf(handle).stop_strings;
-        stops.clear();
+        // Built aside, so a failed copy leaves the old list in place.
+        std::set<std::string> stops;
         for (size_t i = 0; i < count; ++i) stops.insert(std::string(strings[i]));
+        ConfigOf(handle).stop_strings.swap(stops);
         return STATUS_OK;
     });
 }
@@ -50,9 +51,8 @@ int32_t GetStopStrings(void* handle, char*** outStrings, size_t* outCount) {
 
 int32_t SetStopTokens(void* handle, const int64_t* ids, size_t count) {
     return RunSlot(Family::Llm, handle, "Model handle is null when setting stop tokens", [&] {
-        std::set<int64_t>& stops = ConfigOf(handle).stop_token_ids;
-        stops.clear();
-        for (size_t i = 0; i < count; ++i) stops.insert(ids[i]);
+        std::set<int64_t> stops(ids, ids + count);
+        ConfigOf(handle).stop_token_ids.swap(stops);
         return STATUS_OK;
     });
 }

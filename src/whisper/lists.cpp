@@ -1,5 +1,6 @@
 // The language map and the two suppressed-token lists of the Whisper table.
 #include <cstring>
+#include <type_traits>
 #include <vector>
 
 #include "core/buffers.h"
@@ -26,9 +27,10 @@ int32_t GetTokens(void* handle, TokenList list, const char* nullMessage, int64_t
 // Hosts keep a setter's count below 2^31; a size_t index stays defined past that.
 int32_t SetTokens(void* handle, TokenList list, const char* nullMessage, const int64_t* ids, size_t count) {
     return RunSlot(Family::Whisper, handle, nullMessage, [&] {
-        std::vector<int64_t>& target = ModelOf(handle).config.*list;
-        target.clear();
-        for (size_t i = 0; i < count; ++i) target.push_back(ids[i]);
+        // Built aside, so a failed copy leaves the old list in place.
+        std::vector<int64_t> copy;
+        for (size_t i = 0; i < count; ++i) copy.push_back(ids[i]);
+        (ModelOf(handle).config.*list).swap(copy);
         return STATUS_OK;
     });
 }
@@ -71,13 +73,14 @@ int32_t GetLangToId(void* handle, LangIdPair** outPairs, size_t* outCount) {
 int32_t SetLangToId(void* handle, const LangIdPair* pairs, size_t count) {
     return RunSlot(Family::Whisper, handle, "Model handle is null when setting lang_to_id", [&] {
         auto& map = ModelOf(handle).config.lang_to_id;
-        map.clear();
+        std::remove_reference_t<decltype(map)> copy;
         try {
             // emplace keeps the first id of a repeated key.
-            for (size_t i = 0; i < count; ++i) map.emplace(pairs[i].language, pairs[i].id);
+            for (size_t i = 0; i < count; ++i) copy.emplace(pairs[i].language, pairs[i].id);
         } catch (const std::exception&) {
             throw SlotFailure(1, "An error occurred setting lang_to_id");
         }
+        map.swap(copy);
         return STATUS_OK;
     });
 }

@@ -1,0 +1,436 @@
+// Every allocation a slot makes from the library's own code, failed in turn:
+// the slot must fail with its status and say so once, write no out-parameter,
+// leak nothing (LeakSanitizer, in the address build) and leave the handle
+// working with its settings as they were. This program replaces operator new
+// for the whole process, and the library is the shipped one. Counted are the
+// allocations on the calling thread during a slot call whose first caller
+// outside the standard library is the library, made without the interpreter
+// lock: the runtime's own, and the bridge's work with Python, are left alone.
+#include <dlfcn.h>
+#include <execinfo.h>
+#include <link.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <new>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include "../host/harness.h"
+#include "llm/llm_settings.h"
+#include "whisper/whisper_settings.h"
+
+namespace {
+
+thread_local bool counting = false;  // inside a slot call
+thread_local long seen = 0;          // allocations counted in this call
+thread_local long failAt = 0;        // the one to fail, 1-based; 0: none
+int (*holdsInterpreterLock)() = nullptr;
+// Where the code of a module lies: [start, end) of its loaded segments.
+struct Module {
+    std::vector<std::pair<uintptr_t, uintptr_t>> ranges;
+    bool Holds(const void* address) const {
+        const auto a = reinterpret_cast<uintptr_t>(address);
+        for (const auto& [start, end] : ranges)
+            if (a >= start && a < end) return true;
+        return false;
+    }
+};
+Module library, program, standard;  // the library, this program, libstdc++
+
+int FindModules(dl_phdr_info* info, size_t, void* libraryBase) {
+    const std::string name = info->dlpi_name != nullptr ? info->dlpi_name : "";
+    Module* module = reinterpret_cast<void*>(info->dlpi_addr) == libraryBase ? &library
+                     : name.empty()                                       ? &program
+                     : name.find("libstdc++") != std::string::npos        ? &standard
+                                                                          : nullptr;
+    if (module == nullptr || (module == &program && !program.ranges.empty())) return 0;
+    for (int i = 0; i < info->dlpi_phnum; ++i)
+        if (info->dlpi_phdr[i].p_type == PT_LOAD) {
+            const uintptr_t start = info->dlpi_addr + info->dlpi_phdr[i].p_vaddr;
+            module->ranges.emplace_back(start, start + info->dlpi_phdr[i].p_memsz);
+        }
+    return 0;
+}
+
+// Whether the allocation being made was asked for by the library's code:
+// the first caller outside this program's operator new and the standard
+// library, which allocates for its caller.
+bool FromLibrary() {
+    void* frames[16];
+    const int depth = backtrace(frames, 16);
+    for (int i = 1; i < depth; ++i) {
+        if (library.Holds(frames[i])) return true;
+        if (!program.Holds(frames[i]) && !standard.Holds(frames[i])) return false;
+    }
+    return false;
+}
+
+bool FailsNow() {
+    if (!counting || (holdsInterpreterLock != nullptr && holdsInterpreterLock() != 0)) return false;
+    counting = false;  // backtrace and dladdr may allocate themselves
+    const bool ours = FromLibrary();
+    counting = true;
+    return ours && ++seen == failAt;
+}
+
+void* Allocate(std::size_t size, std::size_t align) {
+    if (FailsNow()) return nullptr;
+    if (size == 0) size = 1;
+    if (align <= alignof(std::max_align_t)) return std::malloc(size);
+    return std::aligned_alloc(align, (size + align - 1) / align * align);
+}
+
+void* AllocateOrThrow(std::size_t size, std::size_t align) {
+    if (void* p = Allocate(size, align)) return p;
+    throw std::bad_alloc();
+}
+
+}  // namespace
+
+void* operator new(std::size_t n) { return AllocateOrThrow(n, 0); }
+void* operator new[](std::size_t n) { return AllocateOrThrow(n, 0); }
+void* operator new(std::size_t n, std::align_val_t a) { return AllocateOrThrow(n, static_cast<std::size_t>(a)); }
+void* operator new[](std::size_t n, std::align_val_t a) { return AllocateOrThrow(n, static_cast<std::size_t>(a)); }
+void* operator new(std::size_t n, const std::nothrow_t&) noexcept { return Allocate(n, 0); }
+void* operator new[](std::size_t n, const std::nothrow_t&) noexcept { return Allocate(n, 0); }
+void operator delete(void* p) noexcept { std::free(p); }
+void operator delete[](void* p) noexcept { std::free(p); }
+void operator delete(void* p, std::size_t) noexcept { std::free(p); }
+void operator delete[](void* p, std::size_t) noexcept { std::free(p); }
+void operator delete(void* p, std::align_val_t) noexcept { std::free(p); }
+void operator delete[](void* p, std::align_val_t) noexcept { std::free(p); }
+void operator delete(void* p, std::size_t, std::align_val_t) noexcept { std::free(p); }
+void operator delete[](void* p, std::size_t, std::align_val_t) noexcept { std::free(p); }
+
+namespace {
+
+using host::Llm;
+using host::Untouched;
+using host::Whisper;
+
+std::vector<std::string> errors;
+int logs = 0;
+void OnLog(const char*) { ++logs; }
+void OnError(const char* message) {
+    const bool was = counting;  // the host's own allocation
+    counting = false;
+    errors.emplace_back(message);
+    counting = was;
+}
+const HostCallbacks callbacks{OnLog, OnError};
+
+// Counts only the slot call itself, not the checks around it.
+template <class Call>
+int32_t Counted(Call&& call) {
+    counting = true;
+    const int32_t status = call();
+    counting = false;
+    return status;
+}
+
+// A counted call of a slot that writes `T` (and a count, for the slots that
+// take one): released on success, left unwritten on failure.
+template <class T, class Call, class Release>
+std::function<int32_t()> Writing(Call call, Release release) {
+    return [=] {
+        T out = Untouched<std::remove_pointer_t<T>>();
+        size_t count = 9;
+        const int32_t status = Counted([&] { return call(&out, &count); });
+        if (status == 0) release(out, count);
+        else EXPECT_TRUE(out == Untouched<std::remove_pointer_t<T>>() && count == 9);
+        return status;
+    };
+}
+
+using State = std::map<std::string, std::string>;
+
+struct Slot {
+    std::string name;
+    // One call: on success it releases what it received, on failure it checks
+    // that no out-parameter was written.
+    std::function<int32_t()> call;
+    // The documented failures, status and message; a fault must end in one.
+    std::vector<std::pair<int32_t, std::string>> failures;
+    // Puts back what a successful call changed.
+    std::function<void()> undo = [] {};
+    // Whether each fault is followed by a call that must work; InitModel
+    // needs none, the next fault's call is one.
+    bool rerun = true;
+};
+
+// Fails each allocation of `slot` in turn; returns how many there were.
+long FailEach(const Slot& slot, const std::function<State()>& state) {
+    SCOPED_TRACE(slot.name);
+    const State before = state();
+    const auto run = [&](long at) {
+        errors.clear();
+        seen = 0;
+        failAt = at;
+        const int32_t status = slot.call();
+        failAt = 0;
+        return status;
+    };
+    // The first call may fill lazy state; the second is the one counted.
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(run(0), 0) << (errors.empty() ? "" : errors.front());
+        slot.undo();
+    }
+    const long total = seen;  // 0: a slot that cannot fail here
+    std::printf("[ points   ] %s: %ld\n", slot.name.c_str(), total);
+    std::fflush(stdout);
+    for (long at = 1; at <= total; ++at) {
+        SCOPED_TRACE("allocation " + std::to_string(at) + " of " + std::to_string(total));
+        const int32_t status = run(at);
+        EXPECT_GE(seen, at);
+        EXPECT_EQ(errors.size(), 1u);
+        if (!errors.empty())
+            EXPECT_TRUE(std::count(slot.failures.begin(), slot.failures.end(), std::make_pair(status, errors.front())))
+                << "status " << status << ": " << errors.front();
+        EXPECT_EQ(state(), before);
+        if (slot.rerun) {
+            EXPECT_EQ(run(0), 0);
+            slot.undo();
+        }
+    }
+    return total;
+}
+
+// Every setting by name and every list, as text.
+template <class Table, class Api>
+State SettingsOf(const Table& table, const Api& api, void* handle) {
+    State state;
+    for (const auto& row : table) {
+        if (!row.byName) continue;
+        char* text = nullptr;
+        const int32_t status = api.GetConfigProperty(handle, row.name, &text);
+        state[row.name] = status == 0 ? text : "<" + std::to_string(status) + ">";
+        if (status == 0) api.FreeConfigProperty(text);
+    }
+    return state;
+}
+
+std::string Joined(const std::vector<int64_t>& ids) {
+    std::string text;
+    for (int64_t id : ids) text += std::to_string(id) + ",";
+    return text;
+}
+
+// A value each kind of setting takes, other than the model's, too long for
+// a string to hold without allocating.
+const char* OtherValue(velmora::SettingKind kind) {
+    switch (kind) {
+        case velmora::SettingKind::Size: return "000000000000000000000000005";
+        case velmora::SettingKind::Integer: return "000000000000000000000000007";
+        case velmora::SettingKind::Float: return "0.25000000000000000000000000";
+        case velmora::SettingKind::Bool: return "anything but true means false";
+        case velmora::SettingKind::StopCriteria: return "NEVER";
+        default: return "<|a language token longer than any short one|>";
+    }
+}
+
+// Set and get of every setting reachable by name.
+template <class Table, class Api>
+long FailSettings(const Table& table, const Api& api, void* handle, const std::function<State()>& state) {
+    long points = 0;
+    const State before = state();
+    for (const auto& row : table) {
+        if (!row.byName) continue;
+        const std::string name = row.name, value = OtherValue(row.kind());
+        // The largest size reads back as itself but is written as -1.
+        const std::string old = before.at(name) == std::to_string(SIZE_MAX) ? "-1" : before.at(name);
+        const std::string prefix = "An error occurred setting property " + name + " with value " + value + ": ";
+        points += FailEach({"set " + name,
+                            [=, &api] { return Counted([&] { return api.SetConfigProperty(handle, row.name, value.c_str()); }); },
+                            {{1, prefix + "std::bad_alloc"}},
+                            [=, &api] { ASSERT_EQ(api.SetConfigProperty(handle, row.name, old.c_str()), 0); }},
+                           state);
+        points += FailEach({"get " + name,
+                            Writing<char*>([=, &api](char** text,
+                                                     size_t*) { return api.GetConfigProperty(handle, row.name, text); },
+                                           [&api](char* text, size_t) { api.FreeConfigProperty(text); }),
+                            {{1, "An error occurred getting property " + name + ": std::bad_alloc"}}},
+                           state);
+    }
+    return points;
+}
+
+class AllocationFailures : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        // The first handle starts the interpreter; only then is its lock known.
+        void* handle = nullptr;
+        ASSERT_EQ(Llm().InitModel(host::ModelDir("tiny-llm").c_str(), DEVICE_CPU, 4, &handle, &callbacks), 0);
+        Llm().DestroyModel(handle);
+        holdsInterpreterLock = reinterpret_cast<int (*)()>(dlsym(RTLD_DEFAULT, "PyGILState_Check"));
+        ASSERT_NE(holdsInterpreterLock, nullptr);
+        Dl_info info{};
+        ASSERT_NE(dladdr(reinterpret_cast<void*>(Llm().InitModel), &info), 0);
+        dl_iterate_phdr(FindModules, info.dli_fbase);
+        ASSERT_TRUE(library.Holds(reinterpret_cast<void*>(Llm().InitModel)));
+        ASSERT_TRUE(program.Holds(reinterpret_cast<void*>(&FromLibrary)));
+        ASSERT_FALSE(standard.ranges.empty());
+    }
+    void TearDown() override {
+        EXPECT_GT(points, 0);
+        std::printf("[ points   ] %ld allocations failed in turn\n", points);
+    }
+    long points = 0;
+};
+
+TEST_F(AllocationFailures, LlmSlotsFailCleanlyAtEveryAllocation) {
+    const auto& llm = Llm();
+    void* h = nullptr;
+    ASSERT_EQ(llm.InitModel(host::ModelDir("tiny-llm").c_str(), DEVICE_CPU, 3, &h, &callbacks), 0);
+    const char* const stops[] = {"ab", "cd"};
+    const char* const others[] = {"a much longer stop string than any short one", "x", "yz"};
+    char* eosText = nullptr;
+    ASSERT_EQ(llm.GetConfigProperty(h, "eos_token_id", &eosText), 0);
+    const int64_t eos = std::stoll(eosText);
+    llm.FreeConfigProperty(eosText);
+    // Both lists hold the end-of-text id, or no query would validate.
+    const int64_t ids[] = {eos, 4}, otherIds[] = {eos, 6, 7};
+    ASSERT_EQ(llm.SetStopStrings(h, const_cast<const char**>(stops), 2), 0);
+    ASSERT_EQ(llm.SetStopTokens(h, ids, 2), 0);
+    const auto state = [&] {
+        State s = SettingsOf(velmora::llm::kSettings, llm, h);
+        char** strings = Untouched<char*>();
+        size_t count = 0;
+        EXPECT_EQ(llm.GetStopStrings(h, &strings, &count), 0);
+        for (size_t i = 0; i < count; ++i) s["stop_strings"] += std::string(strings[i]) + ",";
+        llm.FreeStopStrings(strings, count);
+        s["stop_token_ids"] = Joined(host::Ids(llm.GetStopTokens, h));
+        return s;
+    };
+    const std::vector<std::pair<int32_t, std::string>> bare{{1, "std::bad_alloc"}};
+
+    points += FailSettings(velmora::llm::kSettings, llm, h, state);
+    points += FailEach({"SetStopStrings",
+                        [&] { return Counted([&] { return llm.SetStopStrings(h, const_cast<const char**>(others), 3); }); },
+                        bare, [&] { ASSERT_EQ(llm.SetStopStrings(h, const_cast<const char**>(stops), 2), 0); }},
+                       state);
+    points += FailEach({"GetStopStrings",
+                        Writing<char**>([&](char*** o, size_t* n) { return llm.GetStopStrings(h, o, n); },
+                                        llm.FreeStopStrings),
+                        bare},
+                       state);
+    points += FailEach({"SetStopTokens", [&] { return Counted([&] { return llm.SetStopTokens(h, otherIds, 3); }); },
+                        bare, [&] { ASSERT_EQ(llm.SetStopTokens(h, ids, 2), 0); }},
+                       state);
+    const auto getIds = [&](auto get) {
+        return Writing<int64_t*>(get, [&](int64_t* ids, size_t) { llm.FreeTokens(ids); });
+    };
+    points += FailEach({"GetStopTokens", getIds([&](int64_t** o, size_t* n) { return llm.GetStopTokens(h, o, n); }),
+                        bare},
+                       state);
+    points += FailEach(
+        {"Tokenize", getIds([&](int64_t** o, size_t* n) { return llm.Tokenize(h, "Once upon a time", o, n); }), bare},
+        state);
+    points += FailEach({"QueryModel",
+                        Writing<char*>([&](char** text, size_t*) { return llm.QueryModel(h, "Once upon", text); },
+                                       [&](char* text, size_t) { llm.FreeQueryResult(text); }),
+                        {{3, "Failure during config validation: std::bad_alloc"},
+                         {5, "An unknown error occurred while querying the model: std::bad_alloc"}}},
+                       state);
+    llm.DestroyModel(h);
+}
+
+TEST_F(AllocationFailures, WhisperSlotsFailCleanlyAtEveryAllocation) {
+    const auto& whisper = Whisper();
+    void* h = nullptr;
+    ASSERT_EQ(whisper.InitModel(host::ModelDir("tiny-whisper").c_str(), DEVICE_CPU, &h, &callbacks), 0);
+    // Every list starts with something in it, so a setter that empties it
+    // before failing shows.
+    char en[] = "<|en|>", de[] = "<|de|>", fr[] = "<|fr|>", es[] = "<|es|>", it[] = "<|it|>";
+    const LangIdPair languages[] = {{en, 50259}, {de, 50261}};
+    const LangIdPair otherLanguages[] = {{fr, 50265}, {es, 50262}, {it, 50274}};
+    const int64_t ids[] = {220, 50257}, otherIds[] = {1, 2, 3};
+    ASSERT_EQ(whisper.SetLangToId(h, languages, 2), 0);
+    ASSERT_EQ(whisper.SetBeginSuppressTokens(h, ids, 2), 0);
+    ASSERT_EQ(whisper.SetSuppressTokens(h, ids, 2), 0);
+    ASSERT_EQ(whisper.SetConfigProperty(h, "language", "<|en|>"), 0);
+    ASSERT_EQ(whisper.SetConfigProperty(h, "task", "transcribe"), 0);
+    const auto state = [&] {
+        State s = SettingsOf(velmora::whisper::kSettings, whisper, h);
+        LangIdPair* pairs = nullptr;
+        size_t count = 0;
+        EXPECT_EQ(whisper.GetLangToId(h, &pairs, &count), 0);
+        for (size_t i = 0; i < count; ++i) {
+            s["lang_to_id"] += std::string(pairs[i].language) + "=" + std::to_string(pairs[i].id) + ",";
+            whisper.FreeQueryResult(pairs[i].language);
+        }
+        if (count != 0) whisper.FreeLangToId(pairs);
+        s["begin_suppress_tokens"] = Joined(host::Ids(whisper.GetBeginSuppressTokens, h));
+        s["suppress_tokens"] = Joined(host::Ids(whisper.GetSuppressTokens, h));
+        return s;
+    };
+    const std::vector<std::pair<int32_t, std::string>> bare{{1, "std::bad_alloc"}};
+
+    points += FailSettings(velmora::whisper::kSettings, whisper, h, state);
+    points += FailEach({"SetLangToId", [&] { return Counted([&] { return whisper.SetLangToId(h, otherLanguages, 3); }); },
+                        {{1, "An error occurred setting lang_to_id"}},
+                        [&] { ASSERT_EQ(whisper.SetLangToId(h, languages, 2), 0); }},
+                       state);
+    points += FailEach({"GetLangToId",
+                        Writing<LangIdPair*>([&](LangIdPair** o, size_t* n) { return whisper.GetLangToId(h, o, n); },
+                                             [&](LangIdPair* pairs, size_t count) {
+                                                 for (size_t i = 0; i < count; ++i)
+                                                     whisper.FreeQueryResult(pairs[i].language);
+                                                 whisper.FreeLangToId(pairs);
+                                             }),
+                        {{1, "An error occurred getting lang_to_id"}}},
+                       state);
+    using Get = int32_t (*)(void*, int64_t**, size_t*);
+    using Set = int32_t (*)(void*, const int64_t*, size_t);
+    const std::pair<Get, Set> lists[] = {{whisper.GetBeginSuppressTokens, whisper.SetBeginSuppressTokens},
+                                         {whisper.GetSuppressTokens, whisper.SetSuppressTokens}};
+    for (const auto& [get, set] : lists) {
+        points += FailEach({"set tokens", [&, set = set] { return Counted([&] { return set(h, otherIds, 3); }); },
+                            bare, [&, set = set] { ASSERT_EQ(set(h, ids, 2), 0); }},
+                           state);
+        points += FailEach({"get tokens",
+                            Writing<int64_t*>([&, get = get](int64_t** o, size_t* n) { return get(h, o, n); },
+                                              [&](int64_t* ids, size_t) { whisper.FreeBeginSuppressTokens(ids); }),
+                            bare},
+                           state);
+    }
+    whisper.DestroyModel(h);
+}
+
+// The argument and callback copies and the model object around the pipeline.
+TEST_F(AllocationFailures, InitModelOfEitherFamilyFailsCleanlyAtEveryAllocation) {
+    const auto& llm = Llm();
+    const auto& whisper = Whisper();
+    const std::vector<std::pair<int32_t, std::string>> bare{{1, "std::bad_alloc"}};
+    const auto nothing = [] { return State{}; };
+    // Each call logs once, whatever happens after.
+    const auto init = [&](auto call, auto destroy) {
+        return Writing<void*>(
+            [=](void** handle, size_t*) {
+                logs = 0;
+                const int32_t status = call(handle);
+                EXPECT_EQ(logs, 1);
+                return status;
+            },
+            [=](void* handle, size_t) { destroy(handle); });
+    };
+    const std::string llmDir = host::ModelDir("tiny-llm").string(), whisperDir = host::ModelDir("tiny-whisper").string();
+    points += FailEach({"InitModel",
+                        init([&](void** o) { return llm.InitModel(llmDir.c_str(), DEVICE_CPU, 3, o, &callbacks); },
+                             llm.DestroyModel),
+                        bare, [] {}, false},
+                       nothing);
+    points += FailEach({"InitModel",
+                        init([&](void** o) { return whisper.InitModel(whisperDir.c_str(), DEVICE_CPU, o, &callbacks); },
+                             whisper.DestroyModel),
+                        bare, [] {}, false},
+                       nothing);
+}
+
+}  // namespace
