@@ -1,7 +1,7 @@
 """Writes the NuGet package from an install of the runtime component: a zip
 in the Open Packaging layout NuGet clients read, with
 
-    Velmora.nuspec                                 bindings/dotnet/Velmora.nuspec, versioned
+    Velmora.nuspec                                 bindings/dotnet/Velmora.package.xml, versioned
     lib/netstandard2.0/Velmora.dll, Velmora.xml    the binding and its documentation
     runtimes/linux-x64/native/                     the library and its runtime folder
 

@@ -90,7 +90,7 @@ nuget() {
   rm -f "$out"/Velmora.*.nupkg
   cmake --install "$build" --prefix "$stage" --component runtime >/dev/null
   [[ -f $stage/lib/Velmora.dll ]] || fail "the build made no Velmora.dll (mcs missing?)"
-  "$python" "$source/scripts/nupkg.py" "$stage" "$source/bindings/dotnet/Velmora.nuspec" "$version" \
+  "$python" "$source/scripts/nupkg.py" "$stage" "$source/bindings/dotnet/Velmora.package.xml" "$version" \
     "$out/Velmora.$version.nupkg"
   echo "$out/Velmora.$version.nupkg"
 }
