@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "json_text.h"
 #include "openvino_bindings.h"
 
 namespace {
@@ -31,19 +32,6 @@ long ResidentBytes() {
     while (std::getline(status, line))
         if (line.rfind("VmRSS:", 0) == 0) return std::atol(line.c_str() + 6) * 1024L;
     return -1;
-}
-
-std::string Json(const std::string& text) {
-    std::string out = "\"";
-    for (unsigned char c : text) {
-        if (c == '"' || c == '\\') out += '\\', out += static_cast<char>(c);
-        else if (c < 0x20) {
-            char escaped[8];
-            std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
-            out += escaped;
-        } else out += static_cast<char>(c);
-    }
-    return out + "\"";
 }
 
 std::string JsonList(const std::vector<double>& values) {
