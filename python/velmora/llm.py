@@ -1,6 +1,7 @@
 """Text generation."""
 from __future__ import annotations
 
+import codecs
 import ctypes
 import os
 import queue
@@ -191,6 +192,9 @@ class TextStream(Iterator[str]):
 
     def __init__(self, model: LlmModel, prompt: str):
         self._finished = True  # until the worker runs: nothing for close() or __del__ to end
+        self._failure: BaseException | None = None  # raised after the last piece
+        # Pieces are bytes as the runtime cut them, which may be inside a character.
+        self._decoder = codecs.getincrementaldecoder("utf-8")("replace")
         self._model = model
         data = _prompt(prompt)
         model.handle  # noqa: B018 - a closed model says so here, not from the worker
@@ -228,18 +232,23 @@ class TextStream(Iterator[str]):
         return self
 
     def __next__(self) -> str:
-        if self._finished:
-            raise StopIteration
-        try:
-            piece = self._pieces.get()
-        except BaseException:
-            self.close()  # Ctrl-C while waiting: the generation has stopped before it goes on
-            raise
-        if isinstance(piece, bytes):
-            return piece.decode("utf-8", "replace")
-        self._finish()
-        if isinstance(piece, _Failed):
-            raise piece.error
+        while not self._finished:
+            try:
+                piece = self._pieces.get()
+            except BaseException:
+                self.close()  # Ctrl-C while waiting: the generation has stopped before it goes on
+                raise
+            if isinstance(piece, bytes):
+                text = self._decoder.decode(piece)
+            else:
+                self._finish()
+                self._failure = piece.error if isinstance(piece, _Failed) else None
+                text = self._decoder.decode(b"", final=True)  # a character the last piece left cut
+            if text:
+                return text
+        if self._failure is not None:
+            failure, self._failure = self._failure, None
+            raise failure
         raise StopIteration
 
     def text(self) -> str:
