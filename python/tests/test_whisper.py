@@ -42,6 +42,10 @@ def test_language_map_and_suppression_lists_round_trip_and_release(whisper):
     for name, value in [("language", "<|en|>"), ("task", "transcribe it")]:  # the runtime would refuse them later
         with pytest.raises(ValueError, match=f"^{name} takes "):
             whisper.config[name] = value
+    whisper.config["return_timestamps"] = True  # with fewer than 2 new tokens the runtime would never end
+    with pytest.raises(ValueError, match="needs max_new_tokens of 2 or more"):
+        whisper.config["max_new_tokens"] = 1
+    whisper.config["return_timestamps"] = False
     whisper.config.set_text("language", "<|en|>")  # the raw path still sends it
     assert whisper.config.text("language") == "<|en|>"
 

@@ -173,6 +173,14 @@ class WhisperModel(Model):
                                  f"{sample or 'none: the map is empty'}; not {value!r}")
         elif name == "task" and value not in TASKS:
             raise ValueError(f"task takes 'transcribe' or 'translate', not {value!r}")
+        elif name in ("return_timestamps", "max_new_tokens"):
+            # With fewer than two new tokens the runtime decodes the window again and again without reporting
+            # text: the transcription would never end, and no cancel reaches it.
+            few = name == "max_new_tokens" and isinstance(value, int) and value < 2
+            if (few and self.config["return_timestamps"]) or (
+                    name == "return_timestamps" and value and self.config["max_new_tokens"] in (0, 1)):
+                raise ValueError("return_timestamps=True needs max_new_tokens of 2 or more: with fewer the runtime "
+                                 "never ends the transcription")
 
     def _reset_setting(self, name: str) -> None:
         """The library never makes "language" or "task" absent again, so the

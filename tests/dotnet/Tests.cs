@@ -253,6 +253,8 @@ static class Tests
 
             Throws<ArgumentException>(() => model.Settings["language"] = "<|en|>", "no longer in the map");
             Throws<ArgumentException>(() => model.Settings["task"] = "transcribe it", "not a task");
+            model.Settings.Set("max_new_tokens", 1L);
+            Throws<ArgumentException>(() => model.Settings.Set("return_timestamps", true), "timestamps that never end");
             Throws<ArgumentException>(() => model.Transcribe(new float[200]), "too short");
             Throws<ArgumentException>(() => model.Transcribe(new float[] { 0, float.NaN }.Concat(new float[300]).ToArray()), "NaN");
             model.Settings.Set("max_new_tokens", 400L);  // the random model never ends on its own

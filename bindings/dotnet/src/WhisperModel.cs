@@ -59,6 +59,12 @@ namespace Velmora
                 throw new ArgumentException("task takes \"transcribe\" or \"translate\", not \"" + value + "\"", nameof(value));
             if (name == "language" && !GetLanguageMap().ContainsKey(value))
                 throw new ArgumentException("language takes a token of the language map such as \"<|en|>\", not \"" + value + "\"", nameof(value));
+            // With fewer than two new tokens the runtime decodes the window again and again without reporting
+            // text: the transcription would never end, and no cancel reaches it.
+            bool few = name == "max_new_tokens" && (value == "0" || value == "1");
+            bool timestamps = name == "return_timestamps" && value.Equals("true", StringComparison.OrdinalIgnoreCase);
+            if ((few && Settings["return_timestamps"] == "true") || (timestamps && (Settings["max_new_tokens"] == "0" || Settings["max_new_tokens"] == "1")))
+                throw new ArgumentException("return_timestamps=true needs max_new_tokens of 2 or more: with fewer the runtime never ends the transcription", nameof(value));
         }
 
         /// <summary>Asks a running transcription to stop. Any thread; never blocks; does nothing on a
