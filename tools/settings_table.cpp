@@ -3,6 +3,7 @@
 //   velmora-settings-table dict OUT [FILE...]   a libFuzzer dictionary: every
 //       name reachable by name and every stop criterion, then each FILE as is
 //   velmora-settings-table python OUT           the Python package's module
+//       (the tables, and the hosts' default context length of the header)
 //   velmora-settings-table check-python FILE    fails while FILE differs from
 //       what `python` writes, naming the command that writes it anew
 #include <fstream>
@@ -12,6 +13,7 @@
 #include <string>
 
 #include "core/setting.h"
+#include "openvino_bindings.h"
 #include "llm/llm_settings.h"
 #include "whisper/whisper_settings.h"
 
@@ -62,11 +64,13 @@ std::string PythonModule() {
     for (const char* criterion : velmora::kStopCriteriaNames) criteria += std::string("\"") + criterion + "\", ";
     criteria.resize(criteria.size() - 2);
     return "\"\"\"The settings each family takes by name, in the library's table order, with\n"
-           "the kind of each, and the stop criteria's names. Written by the build tool\n"
-           "velmora-settings-table from the library's own tables: the build fails while\n"
-           "this file differs from what it writes.\"\"\"\n\n" +
+           "the kind of each, the stop criteria's names and the hosts' default context\n"
+           "length. Written by the build tool velmora-settings-table from the library's\n"
+           "own tables and header: the build fails while this file differs from what it\n"
+           "writes.\"\"\"\n\n" +
            PythonTable("LLM", velmora::llm::kSettings) + "\n" + PythonTable("WHISPER", velmora::whisper::kSettings) +
-           "\nSTOP_CRITERIA: tuple[str, ...] = (" + criteria + ")\n";
+           "\nSTOP_CRITERIA: tuple[str, ...] = (" + criteria + ")\n" +
+           "\nDEFAULT_CONTEXT_LENGTH: int = " + std::to_string(VELMORA_DEFAULT_CONTEXT_LENGTH) + "\n";
 }
 
 bool Write(const char* path, const std::string& text) {
@@ -98,7 +102,7 @@ int main(int argc, char** argv) {
     if (command == "check-python" && argc == 3) {
         std::string current;
         if (Append(current, argv[2]) && current == PythonModule()) return 0;
-        std::cerr << argv[2] << " differs from what the library's tables make of it;"
+        std::cerr << argv[2] << " differs from what the library's tables and header make of it;"
                   << " write it anew with\n  " << argv[0] << " python " << argv[2] << "\n";
         return 1;
     }

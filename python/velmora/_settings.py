@@ -1,7 +1,8 @@
 """The settings each family takes by name, in the library's table order, with
-the kind of each, and the stop criteria's names. Written by the build tool
-velmora-settings-table from the library's own tables: the build fails while
-this file differs from what it writes."""
+the kind of each, the stop criteria's names and the hosts' default context
+length. Written by the build tool velmora-settings-table from the library's
+own tables and header: the build fails while this file differs from what it
+writes."""
 
 LLM: dict[str, str] = {
     "max_new_tokens": "Size",
@@ -44,3 +45,5 @@ WHISPER: dict[str, str] = {
 }
 
 STOP_CRITERIA: tuple[str, ...] = ("EARLY", "HEURISTIC", "NEVER")
+
+DEFAULT_CONTEXT_LENGTH: int = 256
