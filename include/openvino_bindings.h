@@ -47,6 +47,11 @@
 #define VELMORA_VERSION_PATCH 0
 #define VELMORA_VERSION "0.1.0"
 
+/* The context length the project's own hosts pass to InitModel and
+ * CompileModel when the user names none. A blob compiled for the NPU holds
+ * one prompt length, so hosts that agree on it load each other's blobs. */
+#define VELMORA_DEFAULT_CONTEXT_LENGTH 256
+
 #ifdef __cplusplus
 extern "C" {
 #endif

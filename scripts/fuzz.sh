@@ -5,7 +5,8 @@
 #   scripts/fuzz.sh [seconds] [target...]      (default: every target)
 #     llm_slots_fuzzer      the LLM settings and stop-string/stop-token slots
 #     whisper_slots_fuzzer  the Whisper settings, language-map and suppression-list slots
-# Every target takes the setting names and value fragments of tests/fuzz/settings.dict.
+# Every target takes the setting names of the tables and the value fragments of
+# tests/fuzz/values.dict (build-fuzz/tests/fuzz/settings.dict, made by the build).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${1:-600}
@@ -27,7 +28,7 @@ for fuzzer in "${fuzzers[@]}"; do
   artifacts=build-fuzz/artifacts/$fuzzer/
   log=build-fuzz/$fuzzer.log
   mkdir -p "$corpus" "$artifacts"
-  options=(-max_total_time="$seconds" -artifact_prefix="$artifacts" -print_final_stats=1 -dict=tests/fuzz/settings.dict)
+  options=(-max_total_time="$seconds" -artifact_prefix="$artifacts" -print_final_stats=1 -dict=build-fuzz/tests/fuzz/settings.dict)
   echo "== $fuzzer for ${seconds}s (log: $log)"
   if build-fuzz/tests/fuzz/$fuzzer "$corpus" "${options[@]}" >"$log" 2>&1; then
     result="no findings"

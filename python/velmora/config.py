@@ -22,6 +22,8 @@ from collections.abc import Callable, Iterator, MutableMapping
 from dataclasses import dataclass
 from typing import Protocol
 
+from . import _settings
+
 Value = bool | int | float | str
 
 
@@ -70,24 +72,13 @@ SIZE = Kind(f"an int from 0 to {_INT32_MAX}", (int,), int, 0, _INT32_MAX)
 TOKEN_ID = Kind(f"an int from {-_INT32_MAX - 1} to {_INT32_MAX}", (int,), int, -_INT32_MAX - 1, _INT32_MAX)
 REAL = Kind("an int or float", (int, float), float)
 TEXT = Kind("a str", (str,), lambda text: text)
-_CRITERIA = ("EARLY", "HEURISTIC", "NEVER")
+_CRITERIA = _settings.STOP_CRITERIA
 CRITERION = Kind("one of " + ", ".join(map(repr, _CRITERIA)), (str,), lambda text: text, choices=_CRITERIA)
 
-LLM_SETTINGS: dict[str, Kind] = {
-    "diversity_penalty": REAL, "do_sample": FLAG, "eos_token_id": TOKEN_ID, "frequency_penalty": REAL,
-    "ignore_eos": FLAG, "include_stop_str_in_output": FLAG, "length_penalty": REAL, "max_length": SIZE,
-    "max_new_tokens": SIZE, "min_new_tokens": SIZE, "no_repeat_ngram_size": SIZE, "num_beams": SIZE,
-    "num_beam_groups": SIZE, "num_return_sequences": SIZE, "presence_penalty": REAL,
-    "repetition_penalty": REAL, "rng_seed": SIZE, "stop_criteria": CRITERION, "temperature": REAL,
-    "top_k": SIZE, "top_p": REAL,
-}
-
-WHISPER_SETTINGS: dict[str, Kind] = {
-    "max_length": SIZE, "max_new_tokens": SIZE, "decoder_start_token_id": TOKEN_ID, "eos_token_id": TOKEN_ID,
-    "pad_token_id": TOKEN_ID, "translate_token_id": TOKEN_ID, "transcribe_token_id": TOKEN_ID,
-    "no_timestamps_token_id": TOKEN_ID, "max_initial_timestamp_index": SIZE, "is_multilingual": FLAG,
-    "language": TEXT, "task": TEXT, "return_timestamps": FLAG,
-}
+# The names and kinds come from the library's own tables (see _settings).
+_KINDS = {"Size": SIZE, "Integer": TOKEN_ID, "Float": REAL, "Bool": FLAG, "StopCriteria": CRITERION, "Text": TEXT}
+LLM_SETTINGS: dict[str, Kind] = {name: _KINDS[kind] for name, kind in _settings.LLM.items()}
+WHISPER_SETTINGS: dict[str, Kind] = {name: _KINDS[kind] for name, kind in _settings.WHISPER.items()}
 
 
 class Config(MutableMapping[str, Value]):

@@ -9,7 +9,7 @@ import threading
 from collections.abc import Iterable, Iterator, Mapping
 from typing import TYPE_CHECKING, Any, Literal, overload
 
-from . import _abi
+from . import _abi, _settings
 from ._library import Library, load_library
 from ._model import Model, _HeldInterrupt, decode, encode, id_array, model_path, take_ids, take_text
 from .config import LLM_SETTINGS, Config
@@ -21,7 +21,9 @@ Messages = Iterable[Mapping[str, str]]
 
 # max_new_tokens of a new model, and on the NPU also its longest prompt: room
 # for a chat template's preamble plus a question, and an answer of a paragraph.
-DEFAULT_CONTEXT_LENGTH = 256
+# Every host of the project takes the same (from the library's header), so
+# that they load each other's NPU blobs.
+DEFAULT_CONTEXT_LENGTH = _settings.DEFAULT_CONTEXT_LENGTH
 
 
 class LlmModel(Model):

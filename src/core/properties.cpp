@@ -3,6 +3,8 @@
 #include <stdexcept>
 #include <string>
 
+#include "openvino_bindings.h"
+
 namespace velmora {
 namespace fs = std::filesystem;
 
@@ -19,7 +21,7 @@ ov::AnyMap BuildPipelineProperties(const fs::path& modelDirectory, const fs::pat
         throw std::invalid_argument("The provide cache directory path is not a directory");
 
     ov::AnyMap properties;
-    if (deviceType != kNpuDevice) return properties;
+    if (deviceType != DEVICE_NPU) return properties;
     properties["CACHE_DIR"] = cacheDirectory.string();
     properties["MAX_PROMPT_LEN"] = static_cast<int>(contextLength);
 

@@ -7,8 +7,6 @@
 
 namespace velmora {
 
-constexpr int32_t kNpuDevice = 2;
-
 // Checks the context length and both directories, then builds the LLM
 // pipeline properties: empty except for the NPU, which gets "CACHE_DIR" (a
 // std::string) and "MAX_PROMPT_LEN" (an int) and needs a blob present (load)

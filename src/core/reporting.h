@@ -1,6 +1,7 @@
 // One place where a slot's failure becomes a status and at most one message.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <exception>
 #include <string>
@@ -73,6 +74,21 @@ decltype(auto) Stage(Step&& step, Outcome onAny) {
     return Stage(std::forward<Step>(step), onAny, onAny);
 }
 
+// The null-handle rule's message, "Model handle is null when <doing>",
+// joined at compile time: every slot with a handle names only what it was
+// doing, and reporting still allocates nothing.
+inline constexpr char kNullHandlePrefix[] = "Model handle is null when ";
+template <std::size_t N>
+struct NullHandle {
+    char text[sizeof kNullHandlePrefix - 1 + N] = {};
+
+    constexpr explicit NullHandle(const char (&doing)[N]) {
+        std::size_t at = 0;
+        for (std::size_t i = 0; i + 1 < sizeof kNullHandlePrefix; ++i) text[at++] = kNullHandlePrefix[i];
+        for (std::size_t i = 0; i < N; ++i) text[at++] = doing[i];
+    }
+};
+
 // The boundary of every slot: the null-handle rule, then the body, with
 // anything it throws reported once: a staged failure as staged, any other
 // exception as its what() with status 1. `nullMessage` is null for slots
@@ -100,6 +116,11 @@ int32_t RunSlot(Family family, const void* handle, const char* nullMessage, Body
         // Only a host `error` that throws gets here: the status still says it.
         return STATUS_FAILED;
     }
+}
+
+template <std::size_t N, class Body>
+int32_t RunSlot(Family family, const void* handle, const NullHandle<N>& onNull, Body&& body) noexcept {
+    return RunSlot(family, handle, onNull.text, std::forward<Body>(body));
 }
 
 }  // namespace velmora

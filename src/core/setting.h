@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <iterator>
 #include <map>
 #include <optional>
 #include <set>
@@ -18,6 +19,10 @@
 namespace velmora {
 
 enum class StopCriteria { EARLY = 0, HEURISTIC = 1, NEVER = 2 };
+// Each criterion's text form, indexed by its value.
+inline constexpr const char* kStopCriteriaNames[] = {"EARLY", "HEURISTIC", "NEVER"};
+static_assert(std::size(kStopCriteriaNames) == static_cast<std::size_t>(StopCriteria::NEVER) + 1,
+              "every stop criterion has a name");
 
 // Every type a kept member may have; SettingKind names them in this order.
 using SettingValue = std::variant<std::size_t, int64_t, float, bool, StopCriteria, std::optional<std::string>,

@@ -4,22 +4,13 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
 #include <stdexcept>
 
 namespace velmora {
 namespace {
 
 const char* NameOf(IntegerParse parse) { return parse == IntegerParse::Stoi ? "stoi" : "stol"; }
-
-struct StopCriteriaName {
-    StopCriteria value;
-    const char* name;
-};
-constexpr StopCriteriaName kStopCriteriaNames[] = {
-    {StopCriteria::EARLY, "EARLY"},
-    {StopCriteria::HEURISTIC, "HEURISTIC"},
-    {StopCriteria::NEVER, "NEVER"},
-};
 
 }  // namespace
 
@@ -52,8 +43,8 @@ bool ParseBool(const std::string& text) {
 }
 
 std::optional<StopCriteria> ParseStopCriteria(const std::string& text) {
-    for (const StopCriteriaName& entry : kStopCriteriaNames)
-        if (text == entry.name) return entry.value;
+    for (std::size_t i = 0; i < std::size(kStopCriteriaNames); ++i)
+        if (text == kStopCriteriaNames[i]) return static_cast<StopCriteria>(i);
     return std::nullopt;
 }
 
@@ -74,9 +65,10 @@ std::string FloatText(float value) {
 std::string BoolText(bool value) { return value ? "true" : "false"; }
 
 std::optional<std::string> StopCriteriaText(StopCriteria value) {
-    for (const StopCriteriaName& entry : kStopCriteriaNames)
-        if (value == entry.value) return std::string(entry.name);
-    return std::nullopt;
+    // A runtime may hand over a value outside the enumeration.
+    const auto index = static_cast<std::size_t>(value);
+    if (index >= std::size(kStopCriteriaNames)) return std::nullopt;
+    return std::string(kStopCriteriaNames[index]);
 }
 
 }  // namespace velmora

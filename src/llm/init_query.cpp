@@ -1,4 +1,4 @@
-// InitModel, DestroyModel and QueryModel of the LLM table.
+// InitModel and QueryModel of the LLM table.
 #include <memory>
 #include <string>
 #include <vector>
@@ -17,13 +17,8 @@ int32_t InitModel(const char* modelPath, DeviceType device, int32_t contextLengt
                       [&] { return std::make_unique<OpenVinoLlmModel>(std::string(modelPath), device, contextLength); });
 }
 
-int32_t DestroyModel(void* handle) {
-    delete static_cast<OpenVinoLlmModel*>(handle);
-    return 0;
-}
-
 int32_t QueryModel(void* handle, const char* prompt, char** outText) {
-    return RunSlot(Family::Llm, handle, "Model handle is null when querying model", [&] {
+    return RunSlot(Family::Llm, handle, NullHandle("querying model"), [&] {
         auto* model = static_cast<OpenVinoLlmModel*>(handle);
         Stage([&] { model->validate(); }, {STATUS_CONFIG_ASSERTION, "Failed to validate config: "},
               {STATUS_CONFIG_ERROR, "Failure during config validation: "});

@@ -5,29 +5,29 @@
 #include "core/device.h"
 #include "core/properties.h"
 
-namespace velmora {
+namespace velmora::llm {
 
 OpenVinoLlmModel::OpenVinoLlmModel(std::string modelPath, int32_t deviceType, int32_t contextLength) {
     const std::filesystem::path directory(modelPath);
     const ov::AnyMap properties = BuildPipelineProperties(directory, directory, false, contextLength, deviceType);
     const std::string device = DeviceName(deviceType);
     pipeline = std::make_unique<genai::LLMPipeline>(directory, device, properties);
-    genai::RuntimeConfig own = genai::ToRuntime(config, llm::kSettings, llm::kRuntimeClass);
+    genai::RuntimeConfig own = genai::ToRuntime(config, kSettings, kRuntimeClass);
     pipeline->read_generation_config(own);
-    config = genai::FromRuntime(own, llm::kSettings);
+    config = genai::FromRuntime(own, kSettings);
     // Prompts go to the model as the host wrote them.
     config.apply_chat_template = false;
     config.max_new_tokens = static_cast<std::size_t>(contextLength);
 }
 
 void OpenVinoLlmModel::validate() const {
-    genai::Validate(genai::ToRuntime(config, llm::kSettings, llm::kRuntimeClass));
+    genai::Validate(genai::ToRuntime(config, kSettings, kRuntimeClass));
 }
 
 std::vector<std::string> OpenVinoLlmModel::query(const std::string& prompt) {
     cancelRequested.store(false, std::memory_order_relaxed);
     const genai::Streamer cancelled = [this](std::string) { return cancelRequested.load(std::memory_order_relaxed); };
-    return pipeline->generate({prompt}, genai::ToRuntime(config, llm::kSettings, llm::kRuntimeClass), cancelled);
+    return pipeline->generate({prompt}, genai::ToRuntime(config, kSettings, kRuntimeClass), cancelled);
 }
 
 void OpenVinoLlmModel::stream(const std::string& prompt, std::function<bool(std::string)> streamer) {
@@ -37,7 +37,7 @@ void OpenVinoLlmModel::stream(const std::string& prompt, std::function<bool(std:
         if (cancelRequested.load(std::memory_order_relaxed)) return true;
         return streamer(std::move(piece));
     };
-    pipeline->generate({prompt}, genai::ToRuntime(config, llm::kSettings, llm::kRuntimeClass), cancelAware);
+    pipeline->generate({prompt}, genai::ToRuntime(config, kSettings, kRuntimeClass), cancelAware);
 }
 
-}  // namespace velmora
+}  // namespace velmora::llm

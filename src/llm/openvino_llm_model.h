@@ -10,7 +10,7 @@
 #include "genai/pipelines.h"
 #include "llm_settings.h"
 
-namespace velmora {
+namespace velmora::llm {
 
 // The object behind an LLM handle.
 class OpenVinoLlmModel {
@@ -24,9 +24,9 @@ public:
     std::vector<int64_t> tokenize(const std::string& text) { return pipeline->tokenize(text); }
 
     std::unique_ptr<genai::LLMPipeline> pipeline;
-    llm::GenerationConfig config;
+    GenerationConfig config;
     // Raised from any thread by CancelModel; read by the running streamer.
     std::atomic<bool> cancelRequested{false};
 };
 
-}  // namespace velmora
+}  // namespace velmora::llm

@@ -25,7 +25,7 @@ struct StringArray {
 }  // namespace
 
 int32_t SetStopStrings(void* handle, const char** strings, size_t count) {
-    return RunSlot(Family::Llm, handle, "Model handle is null when setting stop strings", [&] {
+    return RunSlot(Family::Llm, handle, NullHandle("setting stop strings"), [&] {
         // Built aside, so a failed copy leaves the old list in place.
         std::set<std::string> stops;
         for (size_t i = 0; i < count; ++i) stops.insert(std::string(strings[i]));
@@ -35,7 +35,7 @@ int32_t SetStopStrings(void* handle, const char** strings, size_t count) {
 }
 
 int32_t GetStopStrings(void* handle, char*** outStrings, size_t* outCount) {
-    return RunSlot(Family::Llm, handle, "Model handle is null when getting stop strings", [&] {
+    return RunSlot(Family::Llm, handle, NullHandle("getting stop strings"), [&] {
         const std::set<std::string>& stops = ConfigOf(handle).stop_strings;
         if (!stops.empty()) {
             StringArray copy{new char*[stops.size()](), stops.size()};
@@ -50,7 +50,7 @@ int32_t GetStopStrings(void* handle, char*** outStrings, size_t* outCount) {
 }
 
 int32_t SetStopTokens(void* handle, const int64_t* ids, size_t count) {
-    return RunSlot(Family::Llm, handle, "Model handle is null when setting stop tokens", [&] {
+    return RunSlot(Family::Llm, handle, NullHandle("setting stop tokens"), [&] {
         std::set<int64_t> stops(ids, ids + count);
         ConfigOf(handle).stop_token_ids.swap(stops);
         return STATUS_OK;
@@ -58,7 +58,7 @@ int32_t SetStopTokens(void* handle, const int64_t* ids, size_t count) {
 }
 
 int32_t GetStopTokens(void* handle, int64_t** outIds, size_t* outCount) {
-    return RunSlot(Family::Llm, handle, "Model handle is null when getting stop tokens", [&] {
+    return RunSlot(Family::Llm, handle, NullHandle("getting stop tokens"), [&] {
         const std::set<int64_t>& stops = ConfigOf(handle).stop_token_ids;
         if (!stops.empty()) *outIds = NewTokenArray(stops);
         *outCount = stops.size();

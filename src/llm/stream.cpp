@@ -1,4 +1,4 @@
-// StreamModel and CancelModel of the LLM table.
+// StreamModel of the LLM table.
 #include <cstring>
 #include <functional>
 #include <memory>
@@ -24,19 +24,11 @@ std::function<bool(std::string)> HostStreamer(TextCallback onText) {
 }  // namespace
 
 int32_t StreamModel(void* handle, char* prompt, TextCallback onText) {
-    return RunSlot(Family::Llm, handle, "Model handle is null when streaming model", [&] {
+    return RunSlot(Family::Llm, handle, NullHandle("streaming model"), [&] {
         auto* model = static_cast<OpenVinoLlmModel*>(handle);
         std::function<bool(std::string)> streamer = HostStreamer(onText);
         Stage([&] { model->validate(); }, {STATUS_FAILED, "Failed to validate config: "}, {STATUS_FAILED, ""});
         model->stream(std::string(prompt), streamer);
-        return STATUS_OK;
-    });
-}
-
-// Only an atomic store: no lock, no allocation, safe from any thread.
-int32_t CancelModel(void* handle) {
-    return RunSlot(Family::Llm, handle, "Model handle is null when canceling", [&] {
-        static_cast<OpenVinoLlmModel*>(handle)->cancelRequested.store(true, std::memory_order_relaxed);
         return STATUS_OK;
     });
 }

@@ -11,7 +11,7 @@ namespace velmora::llm {
 
 // The array is allocated even for zero ids, so the host always has a pointer to release.
 int32_t Tokenize(void* handle, const char* text, int64_t** outIds, size_t* outCount) {
-    return RunSlot(Family::Llm, handle, "Model handle is null when tokenizing", [&] {
+    return RunSlot(Family::Llm, handle, NullHandle("tokenizing"), [&] {
         const std::vector<int64_t> ids = static_cast<OpenVinoLlmModel*>(handle)->tokenize(std::string(text));
         *outIds = NewTokenArray(ids);
         *outCount = ids.size();

@@ -1,4 +1,4 @@
-// InitModel, DestroyModel, QueryModel and CancelModel of the Whisper table.
+// InitModel and QueryModel of the Whisper table.
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -16,13 +16,8 @@ int32_t InitModel(const char* modelPath, DeviceType device, void** outHandle, co
                       [&] { return std::make_unique<OpenVinoWhisperModel>(std::string(modelPath), device); });
 }
 
-int32_t DestroyModel(void* handle) {
-    delete static_cast<OpenVinoWhisperModel*>(handle);
-    return 0;
-}
-
 int32_t QueryModel(void* handle, const float* samples, int32_t sampleCount, char** outText) {
-    return RunSlot(Family::Whisper, handle, "Model handle is null when querying model", [&] {
+    return RunSlot(Family::Whisper, handle, NullHandle("querying model"), [&] {
         auto* model = static_cast<OpenVinoWhisperModel*>(handle);
         Stage([&] { model->validate(); }, {STATUS_FAILED, "Failed to validate config: "}, {STATUS_FAILED, ""});
         // Hosts match this text byte for byte.
@@ -30,13 +25,6 @@ int32_t QueryModel(void* handle, const float* samples, int32_t sampleCount, char
         const std::vector<std::string> texts = model->query(samples, static_cast<size_t>(sampleCount));
         // A transcription that yields no text at all reads as the empty text.
         *outText = NewText(texts.empty() ? std::string() : texts.front());
-        return STATUS_OK;
-    });
-}
-
-int32_t CancelModel(void* handle) {
-    return RunSlot(Family::Whisper, handle, "Model handle is null when canceling", [&] {
-        static_cast<OpenVinoWhisperModel*>(handle)->cancelRequested.store(true, std::memory_order_relaxed);
         return STATUS_OK;
     });
 }

@@ -49,7 +49,7 @@ struct PairArray {
 }  // namespace
 
 int32_t GetLangToId(void* handle, LangIdPair** outPairs, size_t* outCount) {
-    return RunSlot(Family::Whisper, handle, "Model handle is null when getting lang_to_id", [&] {
+    return RunSlot(Family::Whisper, handle, NullHandle("getting lang_to_id"), [&] {
         const auto& map = ModelOf(handle).config.lang_to_id;
         if (map.empty()) {
             *outCount = 0;
@@ -71,7 +71,7 @@ int32_t GetLangToId(void* handle, LangIdPair** outPairs, size_t* outCount) {
 }
 
 int32_t SetLangToId(void* handle, const LangIdPair* pairs, size_t count) {
-    return RunSlot(Family::Whisper, handle, "Model handle is null when setting lang_to_id", [&] {
+    return RunSlot(Family::Whisper, handle, NullHandle("setting lang_to_id"), [&] {
         auto& map = ModelOf(handle).config.lang_to_id;
         std::remove_reference_t<decltype(map)> copy;
         try {
@@ -87,22 +87,22 @@ int32_t SetLangToId(void* handle, const LangIdPair* pairs, size_t count) {
 
 int32_t GetBeginSuppressTokens(void* handle, int64_t** outIds, size_t* outCount) {
     return GetTokens(handle, &GenerationConfig::begin_suppress_tokens,
-                     "Model handle is null when getting begin_suppress_tokens", outIds, outCount);
+                     NullHandle("getting begin_suppress_tokens").text, outIds, outCount);
 }
 
 int32_t SetBeginSuppressTokens(void* handle, const int64_t* ids, size_t count) {
     return SetTokens(handle, &GenerationConfig::begin_suppress_tokens,
-                     "Model handle is null when setting begin_suppress_tokens", ids, count);
+                     NullHandle("setting begin_suppress_tokens").text, ids, count);
 }
 
 int32_t GetSuppressTokens(void* handle, int64_t** outIds, size_t* outCount) {
     return GetTokens(handle, &GenerationConfig::suppress_tokens,
-                     "Model handle is null when getting suppress_tokens", outIds, outCount);
+                     NullHandle("getting suppress_tokens").text, outIds, outCount);
 }
 
 int32_t SetSuppressTokens(void* handle, const int64_t* ids, size_t count) {
     return SetTokens(handle, &GenerationConfig::suppress_tokens,
-                     "Model handle is null when setting suppress_tokens", ids, count);
+                     NullHandle("setting suppress_tokens").text, ids, count);
 }
 
 }  // namespace velmora::whisper

@@ -10,7 +10,7 @@
 #include "genai/pipelines.h"
 #include "whisper_settings.h"
 
-namespace velmora {
+namespace velmora::whisper {
 
 // The object behind a Whisper handle.
 class OpenVinoWhisperModel {
@@ -23,9 +23,9 @@ public:
     std::vector<std::string> query(const float* samples, std::size_t count);
 
     std::unique_ptr<genai::WhisperPipeline> pipeline;
-    whisper::GenerationConfig config;
+    GenerationConfig config;
     // Raised from any thread by CancelModel; read by the running streamer.
     std::atomic<bool> cancelRequested{false};
 };
 
-}  // namespace velmora
+}  // namespace velmora::whisper

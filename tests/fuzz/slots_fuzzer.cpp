@@ -29,21 +29,21 @@
 #ifdef VELMORA_FUZZ_WHISPER
 #include "whisper/openvino_whisper_model.h"
 #include "whisper/whisper_slots.h"
-namespace velmora {
+namespace velmora::whisper {
 OpenVinoWhisperModel::OpenVinoWhisperModel(std::string, int32_t) {}
-}  // namespace velmora
+}  // namespace velmora::whisper
 namespace family = velmora::whisper;
-using Model = velmora::OpenVinoWhisperModel;
+using Model = family::OpenVinoWhisperModel;
 constexpr velmora::Family kFamily = velmora::Family::Whisper;
 Model* NewModel() { return new Model("", 0); }
 #else
 #include "llm/llm_slots.h"
 #include "llm/openvino_llm_model.h"
-namespace velmora {
+namespace velmora::llm {
 OpenVinoLlmModel::OpenVinoLlmModel(std::string, int32_t, int32_t) {}
-}  // namespace velmora
+}  // namespace velmora::llm
 namespace family = velmora::llm;
-using Model = velmora::OpenVinoLlmModel;
+using Model = family::OpenVinoLlmModel;
 constexpr velmora::Family kFamily = velmora::Family::Llm;
 Model* NewModel() { return new Model("", 0, 0); }
 #endif

@@ -43,8 +43,8 @@ bool ParseInt32(const char* text, int32_t& out) {
 
 // A device name, or a number handed to the library as is so that it judges it.
 bool ParseDevice(const char* text, int32_t& out) {
-    for (int32_t i = 0; i < static_cast<int32_t>(std::size(kDevices)); ++i)
-        if (strcasecmp(text, kDevices[i]) == 0) return out = i, true;
+    for (int32_t i = 0; i < static_cast<int32_t>(std::size(kDeviceNames)); ++i)
+        if (strcasecmp(text, kDeviceNames[i]) == 0) return out = i, true;
     return ParseInt32(text, out);
 }
 
@@ -119,6 +119,15 @@ const char* Misspelt(const char* word) {
     return nullptr;
 }
 
+// "EARLY, HEURISTIC or NEVER", in the library's own words.
+std::string StopCriteriaChoices() {
+    std::string text;
+    const size_t count = std::size(velmora::kStopCriteriaNames);
+    for (size_t i = 0; i < count; ++i)
+        text += std::string(i == 0 ? "" : i + 1 == count ? " or " : ", ") + velmora::kStopCriteriaNames[i];
+    return text;
+}
+
 // Whether `value` converts as the library converts it for this row; `why` says
 // what the setting takes otherwise.
 template <class Row>
@@ -136,7 +145,7 @@ bool Converts(const Row& row, const std::string& value, std::string& why) {
                 return true;
             case velmora::SettingKind::StopCriteria:
                 if (velmora::ParseStopCriteria(value)) return true;
-                return why = "EARLY, HEURISTIC or NEVER", false;
+                return why = StopCriteriaChoices(), false;
             case velmora::SettingKind::Text:
                 // The runtime refuses any other task, but only once transcribing.
                 if (std::strcmp(row.name, "task") != 0 || value == "transcribe" || value == "translate") return true;

@@ -7,6 +7,8 @@
 #include <utility>
 #include <vector>
 
+#include "openvino_bindings.h"
+
 namespace cli {
 
 // Bit per subcommand, so the option table can say where each option belongs.
@@ -17,10 +19,9 @@ enum Command : unsigned {
     kTranscribe = 1u << 3,
 };
 
-// max_new_tokens of a new model, and on the NPU its longest prompt; the Python
-// package's DEFAULT_CONTEXT_LENGTH is the same, so that a blob compiled by
-// one loads in the other.
-#define CLI_DEFAULT_CONTEXT 256
+// max_new_tokens of a new model, and on the NPU its longest prompt: the
+// public header's, which the Python package takes too.
+#define CLI_DEFAULT_CONTEXT VELMORA_DEFAULT_CONTEXT_LENGTH
 constexpr int32_t kDefaultContext = CLI_DEFAULT_CONTEXT;
 
 struct Options {

@@ -7,8 +7,8 @@
 namespace cli {
 
 std::string DeviceLabel(int32_t device) {
-    return device >= 0 && device < static_cast<int32_t>(std::size(kDevices)) ? kDevices[device]
-                                                                               : std::to_string(device);
+    return device >= 0 && device < static_cast<int32_t>(std::size(kDeviceNames)) ? kDeviceNames[device]
+                                                                                       : std::to_string(device);
 }
 
 int UsageError(const std::string& what) {

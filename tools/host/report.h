@@ -7,13 +7,14 @@
 #include <utility>
 #include <vector>
 
+#include "core/device.h"
 #include "library.h"
 #include "progress.h"
 
 namespace cli {
 
-// DeviceType values by index, as the library numbers them.
-inline constexpr const char* kDevices[] = {"CPU", "GPU", "NPU"};
+// DeviceType values by index, as the library numbers and names them.
+using velmora::kDeviceNames;
 
 // "CPU", "GPU", "NPU", or the number as given.
 std::string DeviceLabel(int32_t device);
