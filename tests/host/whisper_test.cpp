@@ -77,18 +77,9 @@ TEST(WhisperSettings, RoundTripsAndMessages) {
     host::ExpectRoundTrips(Pair::B, Whisper().SetConfigProperty, Whisper().GetConfigProperty, model.handle(), rows,
                            host::NamesOf(velmora::whisper::kSettings));
 
-    const std::pair<std::pair<const char*, const char*>, const char*> refusals[] = {
-        {{"decoder_start_token_id", "abc"},
-         "An error occurred setting property decoder_start_token_id with value abc: invalid stol argument"},
-        {{"temperature", "1"}, "An error occurred setting property temperature. Property name not supported."},
-        {{"stop_criteria", "1"}, "An error occurred setting property stop_criteria. Property name not supported."},
-        {{"lang_to_id", "en"}, "An error occurred setting property lang_to_id. Property name not supported."},
-    };
-    for (const auto& [setting, message] : refusals) {
-        EXPECT_EQ(Reported(Pair::B,
-                           [&] { return Whisper().SetConfigProperty(model.handle(), setting.first, setting.second); }),
-                  std::make_pair(1, std::string(message)));
-    }
+    // Lists have slots of their own.
+    EXPECT_EQ(Reported(Pair::B, [&] { return Whisper().SetConfigProperty(model.handle(), "lang_to_id", "en"); }),
+              std::make_pair(1, std::string("An error occurred setting property lang_to_id. Property name not supported.")));
 }
 
 // How the lists behave is the fuzzer's; here they come from the model and go to the runtime.
