@@ -41,10 +41,6 @@ TEST(WhisperQuery, StoredSettingsAreJudgedByTheNextTranscription) {
     model.Set("task", "transcribe");
     EXPECT_EQ(model.Transcribe(host::Tone(16000), message), 0) << message;
     EXPECT_FALSE(message.empty());
-    // One text per transcription, also with timestamps.
-    model.Set("return_timestamps", "true");
-    EXPECT_EQ(model.Transcribe(host::Tone(16000), message), 0) << message;
-    EXPECT_EQ(message.find("<|"), std::string::npos) << message;
 }
 
 // Adding a setting to the table means adding its row here.
@@ -118,13 +114,18 @@ TEST(WhisperSpeech, TranscribesASpokenSentence) {
     in.read(reinterpret_cast<char*>(samples.data()), samples.size() * sizeof(float));
     ASSERT_GT(samples.size(), 16000u);
 
+    // One plain text per transcription, also with timestamps (the random
+    // model never emits one, and with them it ignores max_new_tokens).
     WhisperModel model(host::ModelDir("whisper-base"));
-    std::string text;
-    ASSERT_EQ(model.Transcribe(samples, text), 0) << text;
-    for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    int heard = 0;
-    for (const char* word : {"please", "call", "stella", "ask", "bring", "things"}) {
-        heard += text.find(word) != std::string::npos;
+    for (const char* timestamps : {"false", "true"}) {
+        model.Set("return_timestamps", timestamps);
+        std::string text;
+        ASSERT_EQ(model.Transcribe(samples, text), 0) << text;
+        for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        int heard = 0;
+        for (const char* word : {"please", "call", "stella", "ask", "bring", "things"})
+            heard += text.find(word) != std::string::npos;
+        EXPECT_GE(heard, 5) << text;
+        EXPECT_EQ(text.find("<|"), std::string::npos) << text;
     }
-    EXPECT_GE(heard, 5) << text;
 }
