@@ -22,12 +22,12 @@ for step in "${steps[@]}"; do
     asan)
       cmake --preset asan >/dev/null
       cmake --build --preset asan --target unit_tests host_tests c_host alloc_failures
-      ctest --preset asan || status=1
+      ctest --preset asan --timeout 1200 || status=1
       ;;
     tsan)
       cmake --preset tsan >/dev/null
       cmake --build --preset tsan --target host_tests
-      ctest --preset tsan || status=1
+      ctest --preset tsan --timeout 1200 || status=1
       ;;
     leak)
       cmake --preset asan >/dev/null

@@ -1,5 +1,3 @@
-import inspect
-
 import pytest
 
 import velmora
@@ -17,8 +15,3 @@ def test_typed_tables_match_the_library(llm, whisper):
             model.config[name] = min(value, 2**31 - 1) if type(value) is int else value
         with pytest.raises(velmora.PropertyError):
             model.config.text("top_k_")
-
-
-def test_one_default_context_length():
-    for function in (velmora.LlmModel.__init__, velmora.compile_model):
-        assert inspect.signature(function).parameters["context_length"].default == velmora.DEFAULT_CONTEXT_LENGTH

@@ -3,8 +3,6 @@ import ctypes
 import numpy as np
 import pytest
 
-import velmora
-
 SILENCE = np.zeros(16000, np.float32)
 
 
@@ -28,18 +26,6 @@ def test_samples_reach_the_library_as_float32(whisper):
             whisper.transcribe(audio)
 
 
-def test_audio_files_are_mixed_down_and_resampled(whisper, tmp_path):
-    soundfile = pytest.importorskip("soundfile")
-    pytest.importorskip("soxr")
-    tone = 0.5 * np.sin(2 * np.pi * 440 * np.arange(int(44100 * 1.5)) / 44100)
-    soundfile.write(tmp_path / "tone.flac", np.stack([tone, 0.5 * tone], axis=1), 44100)  # stereo
-    samples = velmora.read_audio(tmp_path / "tone.flac")
-    assert samples.dtype == np.float32 and abs(samples.size - 1.5 * 16000) <= 2
-    assert abs(np.argmax(np.abs(np.fft.rfft(samples))) * 16000 / samples.size - 440) < 2  # the pitch is kept
-    assert abs(np.max(np.abs(samples[1000:-1000])) - 0.375) < 0.01  # the mean of both channels
-    assert isinstance(whisper.transcribe_file(tmp_path / "tone.flac"), str)
-
-
 def test_language_map_and_suppression_lists_round_trip_and_release(whisper):
     languages = whisper.lang_to_id
     keys = [r for r in whisper._api.released if r[0] == "FreeQueryResult"]
@@ -56,9 +42,12 @@ def test_language_map_and_suppression_lists_round_trip_and_release(whisper):
     for name, value in [("language", "<|en|>"), ("task", "transcribe it")]:  # the runtime would refuse them later
         with pytest.raises(ValueError, match=f"^{name} takes "):
             whisper.config[name] = value
+    whisper.config["return_timestamps"] = True  # with fewer than 2 new tokens the runtime would never end
+    with pytest.raises(ValueError, match="needs max_new_tokens of 2 or more"):
+        whisper.config["max_new_tokens"] = 1
+    whisper.config["return_timestamps"] = False
     whisper.config.set_text("language", "<|en|>")  # the raw path still sends it
-    with pytest.raises(velmora.VelmoraError, match="^QueryModel failed with status 1: Failed to validate config"):
-        whisper.transcribe(SILENCE)
+    assert whisper.config.text("language") == "<|en|>"
 
 
 def test_language_and_task_go_back_to_detection_with_everything_else_kept(whisper):

@@ -16,28 +16,27 @@ from __future__ import annotations
 
 import os
 
-from ._abi import DEVICES
+from . import _abi
+from ._abi import DEFAULT_DEVICE, DEVICES, Status
 from ._library import LIBRARY_FILE, Library, find_library, load_library
+from ._model import encode
 from ._version import __version__
 from .config import Config
 from .errors import PropertyError, VelmoraError
 from .llm import DEFAULT_CONTEXT_LENGTH, LlmModel, TextStream
 from .whisper import SAMPLE_RATE, WhisperModel, read_audio
 
-__all__ = ["__version__", "DEFAULT_CONTEXT_LENGTH", "DEVICES", "LIBRARY_FILE", "SAMPLE_RATE", "Config", "Library",
-           "LlmModel", "PropertyError", "TextStream", "VelmoraError", "WhisperModel", "compile_model", "find_library",
-           "load_library", "read_audio"]
+__all__ = ["__version__", "DEFAULT_CONTEXT_LENGTH", "DEFAULT_DEVICE", "DEVICES", "LIBRARY_FILE", "SAMPLE_RATE",
+           "Config", "Library", "LlmModel", "PropertyError", "Status", "TextStream", "VelmoraError", "WhisperModel",
+           "compile_model", "find_library", "load_library", "read_audio"]
 
 
-def compile_model(model_dir: str | os.PathLike[str], device: str | int = "NPU",
+def compile_model(model_dir: str | os.PathLike[str], device: str | int = DEFAULT_DEVICE,
                   context_length: int = DEFAULT_CONTEXT_LENGTH, *, library: Library | str | None = None) -> None:
     """Compiles an LLM ahead of time: for the NPU it writes the ".blob" that
     LlmModel needs beside the model files (the directory must hold none yet);
     for CPU and GPU it only checks that a pipeline can be built. Give it the
     context_length the model will be loaded with."""
-    from . import _abi
-    from ._model import encode
-
     lib = load_library(library)
     lib.ensure_llm_reporting()
     lib.call("llm", "CompileModel", lib.llm.CompileModel, encode(os.fspath(model_dir)), _abi.device_type(device),

@@ -1,10 +1,24 @@
-"""ctypes mirror of the public header: the two tables, the callback pair and
-the language-map record. Field order is the slot order and must not change."""
+"""ctypes mirror of the public header: the statuses, the devices, the two
+tables, the callback pair and the language-map record. Field order is the slot
+order and must not change."""
 from __future__ import annotations
 
 from ctypes import CFUNCTYPE, POINTER, Structure, c_char_p, c_float, c_int, c_int32, c_int64, c_size_t, c_void_p
+from enum import IntEnum
 
-Status = c_int32
+
+class Status(IntEnum):
+    """What a slot returns. Only QueryModel of an LLM tells why it failed."""
+
+    OK = 0
+    FAILED = 1
+    CONFIG_ASSERTION = 2  # the settings failed validation: a runtime assertion
+    CONFIG_ERROR = 3      # the settings failed validation: any other error
+    QUERY_ASSERTION = 4   # generation failed: a runtime assertion
+    QUERY_ERROR = 5       # generation failed: any other error
+
+
+c_status = c_int32
 Handle = c_void_p
 
 # Messages and pieces arrive as library-owned char*; c_char_p copies them into
@@ -25,55 +39,57 @@ class LangIdPair(Structure):
 _out = POINTER(c_void_p)  # char**, int64_t**, char***, LangIdPair**: freed by address
 _count = POINTER(c_size_t)
 _ids = POINTER(c_int64)
-_release = CFUNCTYPE(Status, c_void_p)
+_release = CFUNCTYPE(c_status, c_void_p)
 
 
 class LlmApiBase(Structure):
     _fields_ = [
-        ("InitModel", CFUNCTYPE(Status, c_char_p, c_int32, c_int32, POINTER(Handle), POINTER(HostCallbacks))),
-        ("DestroyModel", CFUNCTYPE(Status, Handle)),
-        ("QueryModel", CFUNCTYPE(Status, Handle, c_char_p, _out)),
-        ("StreamModel", CFUNCTYPE(Status, Handle, c_char_p, TextCallback)),
+        ("InitModel", CFUNCTYPE(c_status, c_char_p, c_int32, c_int32, POINTER(Handle), POINTER(HostCallbacks))),
+        ("DestroyModel", CFUNCTYPE(c_status, Handle)),
+        ("QueryModel", CFUNCTYPE(c_status, Handle, c_char_p, _out)),
+        ("StreamModel", CFUNCTYPE(c_status, Handle, c_char_p, TextCallback)),
         ("FreeQueryResult", _release),
-        ("SetConfigProperty", CFUNCTYPE(Status, Handle, c_char_p, c_char_p)),
-        ("GetConfigProperty", CFUNCTYPE(Status, Handle, c_char_p, _out)),
+        ("SetConfigProperty", CFUNCTYPE(c_status, Handle, c_char_p, c_char_p)),
+        ("GetConfigProperty", CFUNCTYPE(c_status, Handle, c_char_p, _out)),
         ("FreeConfigProperty", _release),
-        ("SetStopStrings", CFUNCTYPE(Status, Handle, POINTER(c_char_p), c_size_t)),
-        ("GetStopStrings", CFUNCTYPE(Status, Handle, _out, _count)),
-        ("FreeStopStrings", CFUNCTYPE(Status, c_void_p, c_size_t)),
-        ("SetStopTokens", CFUNCTYPE(Status, Handle, _ids, c_size_t)),
-        ("GetStopTokens", CFUNCTYPE(Status, Handle, _out, _count)),
+        ("SetStopStrings", CFUNCTYPE(c_status, Handle, POINTER(c_char_p), c_size_t)),
+        ("GetStopStrings", CFUNCTYPE(c_status, Handle, _out, _count)),
+        ("FreeStopStrings", CFUNCTYPE(c_status, c_void_p, c_size_t)),
+        ("SetStopTokens", CFUNCTYPE(c_status, Handle, _ids, c_size_t)),
+        ("GetStopTokens", CFUNCTYPE(c_status, Handle, _out, _count)),
         ("FreeStopTokens", _release),
-        ("Tokenize", CFUNCTYPE(Status, Handle, c_char_p, _out, _count)),
+        ("Tokenize", CFUNCTYPE(c_status, Handle, c_char_p, _out, _count)),
         ("FreeTokens", _release),
-        ("CancelModel", CFUNCTYPE(Status, Handle)),
-        ("CompileModel", CFUNCTYPE(Status, c_char_p, c_int32, c_int32)),
+        ("CancelModel", CFUNCTYPE(c_status, Handle)),
+        ("CompileModel", CFUNCTYPE(c_status, c_char_p, c_int32, c_int32)),
     ]
 
 
 class WhisperApiBase(Structure):
     _fields_ = [
-        ("InitModel", CFUNCTYPE(Status, c_char_p, c_int32, POINTER(Handle), POINTER(HostCallbacks))),
-        ("DestroyModel", CFUNCTYPE(Status, Handle)),
-        ("QueryModel", CFUNCTYPE(Status, Handle, POINTER(c_float), c_int32, _out)),
+        ("InitModel", CFUNCTYPE(c_status, c_char_p, c_int32, POINTER(Handle), POINTER(HostCallbacks))),
+        ("DestroyModel", CFUNCTYPE(c_status, Handle)),
+        ("QueryModel", CFUNCTYPE(c_status, Handle, POINTER(c_float), c_int32, _out)),
         ("FreeQueryResult", _release),
-        ("SetConfigProperty", CFUNCTYPE(Status, Handle, c_char_p, c_char_p)),
-        ("GetConfigProperty", CFUNCTYPE(Status, Handle, c_char_p, _out)),
+        ("SetConfigProperty", CFUNCTYPE(c_status, Handle, c_char_p, c_char_p)),
+        ("GetConfigProperty", CFUNCTYPE(c_status, Handle, c_char_p, _out)),
         ("FreeConfigProperty", _release),
-        ("GetLangToId", CFUNCTYPE(Status, Handle, _out, _count)),
-        ("SetLangToId", CFUNCTYPE(Status, Handle, POINTER(LangIdPair), c_size_t)),
+        ("GetLangToId", CFUNCTYPE(c_status, Handle, _out, _count)),
+        ("SetLangToId", CFUNCTYPE(c_status, Handle, POINTER(LangIdPair), c_size_t)),
         ("FreeLangToId", _release),
-        ("GetBeginSuppressTokens", CFUNCTYPE(Status, Handle, _out, _count)),
-        ("SetBeginSuppressTokens", CFUNCTYPE(Status, Handle, _ids, c_size_t)),
+        ("GetBeginSuppressTokens", CFUNCTYPE(c_status, Handle, _out, _count)),
+        ("SetBeginSuppressTokens", CFUNCTYPE(c_status, Handle, _ids, c_size_t)),
         ("FreeBeginSuppressTokens", _release),
-        ("GetSuppressTokens", CFUNCTYPE(Status, Handle, _out, _count)),
-        ("SetSuppressTokens", CFUNCTYPE(Status, Handle, _ids, c_size_t)),
+        ("GetSuppressTokens", CFUNCTYPE(c_status, Handle, _out, _count)),
+        ("SetSuppressTokens", CFUNCTYPE(c_status, Handle, _ids, c_size_t)),
         ("FreeSuppressTokens", _release),
-        ("CancelModel", CFUNCTYPE(Status, Handle)),
+        ("CancelModel", CFUNCTYPE(c_status, Handle)),
     ]
 
 
 DEVICES = {"CPU": 0, "GPU": 1, "NPU": 2}
+# What every model, compile_model and the server run on when not told.
+DEFAULT_DEVICE = "CPU"
 
 
 def device_type(device: str | int) -> int:

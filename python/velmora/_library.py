@@ -12,8 +12,9 @@ import ctypes
 import logging
 import os
 import threading
+from collections.abc import Callable
 from pathlib import Path
-from typing import Any, Callable
+from typing import Any
 
 from . import _abi
 from .errors import VelmoraError
@@ -28,14 +29,13 @@ _local = threading.local()
 
 
 def _messages() -> dict[str, str]:
-    try:
-        return _local.messages
-    except AttributeError:
-        _local.messages = {}
-        return _local.messages
+    messages: dict[str, str] | None = getattr(_local, "messages", None)
+    if messages is None:
+        messages = _local.messages = {}
+    return messages
 
 
-def candidate_paths():
+def candidate_paths() -> list[Path]:
     """Where a library is looked for when no path is given, first match wins:
     the copy inside the package (an installed wheel), then the build tree of
     the checkout the package runs from."""
@@ -43,7 +43,7 @@ def candidate_paths():
     return [package / LIBRARY_FILE, package.parent.parent / "build" / "src" / LIBRARY_FILE]
 
 
-def find_library():
+def find_library() -> str:
     places = candidate_paths()
     for place in places:
         if place.is_file():
@@ -75,7 +75,7 @@ class Library:
 
         return _abi.HostCallbacks(_abi.MessageFunction(on_log), _abi.MessageFunction(on_error))
 
-    def callbacks(self, family: str) -> Any:
+    def callbacks(self, family: str) -> object:
         """The pair to give InitModel; from then on the family reports here."""
         self._initialised.add(family)
         return ctypes.byref(self._callbacks[family])
@@ -102,7 +102,7 @@ class Library:
         messages = _messages()
         messages.pop(family, None)
         status = slot(*args)
-        if status != 0:
+        if status != _abi.Status.OK:
             raise error(operation, status, messages.pop(family, ""))
         return status
 

@@ -7,15 +7,21 @@ import os
 import signal
 import threading
 import weakref
-from collections.abc import Iterable, Iterator
+from collections.abc import Callable, Iterable, Iterator
 from contextlib import contextmanager
-from typing import TYPE_CHECKING, Any, Callable
+from typing import TYPE_CHECKING, Any, Protocol
 
+from ._library import Library
 from .errors import PropertyError, VelmoraError
 
 if TYPE_CHECKING:
-    from ._library import Library
-    from .llm import TextStream
+    from typing_extensions import Self  # typing's own from Python 3.11
+
+
+class _Stream(Protocol):
+    """What a model needs of an unfinished stream: a way to end it."""
+
+    def close(self) -> None: ...
 
 
 def encode(text: str | bytes, what: str = "text") -> bytes:
@@ -58,7 +64,7 @@ class _HeldInterrupt:
         self._previous: Any = None
         self._installed = False
 
-    def __enter__(self) -> _HeldInterrupt:
+    def __enter__(self) -> Self:
         if threading.current_thread() is not threading.main_thread():
             return self  # no Ctrl-C is raised on other threads
         try:
@@ -100,7 +106,7 @@ def decode(data: bytes) -> str:
 def take_text(pointer: ctypes.c_void_p, release: Callable[..., int]) -> bytes:
     """Copies a Text buffer and gives it back."""
     try:
-        return ctypes.string_at(pointer.value)
+        return ctypes.string_at(pointer)
     finally:
         release(pointer)
 
@@ -116,7 +122,7 @@ def take_ids(pointer: ctypes.c_void_p, count: ctypes.c_size_t, release: Callable
         release(pointer)
 
 
-def id_array(ids: Iterable[int], what: str = "ids") -> tuple[ctypes.Array, int]:
+def id_array(ids: Iterable[int], what: str = "ids") -> tuple[ctypes.Array[ctypes.c_int64], int]:
     if isinstance(ids, (str, bytes)) or not isinstance(ids, Iterable):
         raise TypeError(f"{what} takes a list of ints, not {type(ids).__name__}")
     values = list(ids)
@@ -149,7 +155,7 @@ class Model:
         self._lock = threading.Lock()
         # Unfinished streams; every new call ends them first, so that one left
         # early (and still referenced) never makes the model wait for it.
-        self._streams: weakref.WeakSet[TextStream] = weakref.WeakSet()
+        self._streams: weakref.WeakSet[_Stream] = weakref.WeakSet()
 
     def _init(self, slot: Callable[..., int], *args: Any) -> None:
         with self._lock:
@@ -164,9 +170,9 @@ class Model:
             raise
         return handle
 
-    def _call(self, operation: str, slot: Callable[..., int], *args: Any, error: type | None = None) -> int:
-        kwargs = {"error": error} if error else {}
-        return self._lib.call(self._family, operation, slot, *args, **kwargs)
+    def _call(self, operation: str, slot: Callable[..., int], *args: Any,
+              error: type[VelmoraError] = VelmoraError) -> int:
+        return self._lib.call(self._family, operation, slot, *args, error=error)
 
     @contextmanager
     def _using(self) -> Iterator[ctypes.c_void_p]:
@@ -225,7 +231,7 @@ class Model:
                 handle, self._handle = self._handle, None
                 self._api.DestroyModel(handle)
 
-    def __enter__(self) -> Model:
+    def __enter__(self) -> Self:
         return self
 
     def __exit__(self, *exc: object) -> None:

@@ -20,12 +20,25 @@ from __future__ import annotations
 
 from collections.abc import Callable, Iterator, MutableMapping
 from dataclasses import dataclass
-from typing import TYPE_CHECKING, Union
+from typing import Protocol
 
-if TYPE_CHECKING:
-    from ._model import Model
+Value = bool | int | float | str
 
-Value = Union[bool, int, float, str]
+
+class Owner(Protocol):
+    """What a Config needs of its model (a Model is one): the settings as
+    the library's text, and the model's own checks and resets."""
+
+    @property
+    def _resettable(self) -> tuple[str, ...]: ...
+
+    def _get_property(self, name: str) -> str: ...
+
+    def _set_property(self, name: str, text: str) -> None: ...
+
+    def _check_setting(self, name: str, value: object) -> None: ...
+
+    def _reset_setting(self, name: str) -> None: ...
 
 _INT32_MAX = 2**31 - 1
 
@@ -82,7 +95,7 @@ class Config(MutableMapping[str, Value]):
     such as Whisper's "language" is left out while it is absent). Sizes the
     runtime leaves unlimited read as 18446744073709551615."""
 
-    def __init__(self, model: Model, kinds: dict[str, Kind]):
+    def __init__(self, model: Owner, kinds: dict[str, Kind]):
         self._model = model
         self._kinds = kinds
 

@@ -1,17 +1,23 @@
 """Text generation."""
 from __future__ import annotations
 
+import codecs
 import ctypes
 import os
 import queue
 import threading
 from collections.abc import Iterable, Iterator, Mapping
-from typing import Any, Union
+from typing import TYPE_CHECKING, Any, Literal, overload
 
 from . import _abi
 from ._library import Library, load_library
 from ._model import Model, _HeldInterrupt, decode, encode, id_array, model_path, take_ids, take_text
 from .config import LLM_SETTINGS, Config
+
+if TYPE_CHECKING:
+    from typing_extensions import Self  # typing's own from Python 3.11
+
+Messages = Iterable[Mapping[str, str]]
 
 # max_new_tokens of a new model, and on the NPU also its longest prompt: room
 # for a chat template's preamble plus a question, and an answer of a paragraph.
@@ -26,7 +32,7 @@ class LlmModel(Model):
 
     _family = "llm"
 
-    def __init__(self, model_dir: str | os.PathLike[str], device: str | int = "CPU",
+    def __init__(self, model_dir: str | os.PathLike[str], device: str | int = _abi.DEFAULT_DEVICE,
                  context_length: int = DEFAULT_CONTEXT_LENGTH, *, library: Library | str | None = None):
         self._model_dir = model_path(model_dir)
         super().__init__(load_library(library))
@@ -37,8 +43,8 @@ class LlmModel(Model):
     def generate(self, prompt: str) -> str:
         """The generated text for one prompt. A cancel() from another thread,
         or Ctrl-C, ends it early (Ctrl-C then raises KeyboardInterrupt).
-        VelmoraError.status tells invalid settings (2, 3) from a failed
-        generation (4, 5)."""
+        VelmoraError.status tells invalid settings (Status.CONFIG_*) from a
+        failed generation (Status.QUERY_*)."""
         data = _prompt(prompt)
         out = ctypes.c_void_p()
         with self._using() as handle:
@@ -50,7 +56,16 @@ class LlmModel(Model):
         TextStream). Leaving the loop early cancels the generation."""
         return TextStream(self, prompt)
 
-    def chat(self, messages: Iterable[Mapping[str, str]], *, stream: bool = False) -> Union[str, TextStream]:
+    @overload
+    def chat(self, messages: Messages, *, stream: Literal[False] = False) -> str: ...
+
+    @overload
+    def chat(self, messages: Messages, *, stream: Literal[True]) -> TextStream: ...
+
+    @overload
+    def chat(self, messages: Messages, *, stream: bool) -> str | TextStream: ...
+
+    def chat(self, messages: Messages, *, stream: bool = False) -> str | TextStream:
         """The assistant's answer to a conversation: `messages` is a list of
         {"role": ..., "content": ...} dicts, rendered into a prompt by the
         model's own chat template (through the runtime's tokenizer). With
@@ -58,17 +73,17 @@ class LlmModel(Model):
         prompt = self.chat_prompt(messages)
         return self.stream(prompt) if stream else self.generate(prompt)
 
-    def chat_prompt(self, messages: Iterable[Mapping[str, str]]) -> str:
+    def chat_prompt(self, messages: Messages) -> str:
         """The prompt chat() generates from."""
         if isinstance(messages, (str, bytes, Mapping)) or not isinstance(messages, Iterable):
             raise TypeError(f"messages takes a list of {{'role': ..., 'content': ...}} dicts, "
                             f"not {type(messages).__name__}")
-        messages = list(messages)
-        for i, message in enumerate(messages):
+        listed = list(messages)
+        for i, message in enumerate(listed):
             if not isinstance(message, Mapping) or not isinstance(message.get("role"), str) \
                     or not isinstance(message.get("content"), str):
                 raise TypeError(f"messages[{i}] must be a dict with str 'role' and 'content', not {message!r:.60}")
-        if not messages:
+        if not listed:
             raise ValueError("messages is empty: give at least one {'role': 'user', 'content': ...}")
         if self._tokenizer is None:
             # Importable here: the library has joined this interpreter and
@@ -76,7 +91,8 @@ class LlmModel(Model):
             import openvino_genai
 
             self._tokenizer = openvino_genai.Tokenizer(self._model_dir)
-        return self._tokenizer.apply_chat_template([dict(m) for m in messages], add_generation_prompt=True)
+        prompt: str = self._tokenizer.apply_chat_template([dict(m) for m in listed], add_generation_prompt=True)
+        return prompt
 
     def tokenize(self, text: str) -> list[int]:
         """The token ids of `text` from the model's tokenizer."""
@@ -145,8 +161,11 @@ class _Failed:
         self.error = error
 
 
+_Piece = bytes | _Failed | None  # a piece, or the end: a failure or None
+
+
 def _stream_worker(model: LlmModel, handle: ctypes.c_void_p, data: bytes, callback: Any,
-                   pieces: queue.SimpleQueue) -> None:
+                   pieces: queue.SimpleQueue[_Piece]) -> None:
     # Refers to nothing of the TextStream, so an abandoned stream is collected
     # (and closed) while this still runs.
     end: _Failed | None = None
@@ -173,10 +192,13 @@ class TextStream(Iterator[str]):
 
     def __init__(self, model: LlmModel, prompt: str):
         self._finished = True  # until the worker runs: nothing for close() or __del__ to end
+        self._failure: BaseException | None = None  # raised after the last piece
+        # Pieces are bytes as the runtime cut them, which may be inside a character.
+        self._decoder = codecs.getincrementaldecoder("utf-8")("replace")
         self._model = model
         data = _prompt(prompt)
         model.handle  # noqa: B018 - a closed model says so here, not from the worker
-        self._pieces: queue.SimpleQueue = queue.SimpleQueue()
+        self._pieces: queue.SimpleQueue[_Piece] = queue.SimpleQueue()
         self._stop = stop = threading.Event()
         pieces = self._pieces
 
@@ -206,22 +228,27 @@ class TextStream(Iterator[str]):
             self.close()
             held.finish()
 
-    def __iter__(self) -> TextStream:
+    def __iter__(self) -> Self:
         return self
 
     def __next__(self) -> str:
-        if self._finished:
-            raise StopIteration
-        try:
-            piece = self._pieces.get()
-        except BaseException:
-            self.close()  # Ctrl-C while waiting: the generation has stopped before it goes on
-            raise
-        if isinstance(piece, bytes):
-            return piece.decode("utf-8", "replace")
-        self._finish()
-        if isinstance(piece, _Failed):
-            raise piece.error
+        while not self._finished:
+            try:
+                piece = self._pieces.get()
+            except BaseException:
+                self.close()  # Ctrl-C while waiting: the generation has stopped before it goes on
+                raise
+            if isinstance(piece, bytes):
+                text = self._decoder.decode(piece)
+            else:
+                self._finish()
+                self._failure = piece.error if isinstance(piece, _Failed) else None
+                text = self._decoder.decode(b"", final=True)  # a character the last piece left cut
+            if text:
+                return text
+        if self._failure is not None:
+            failure, self._failure = self._failure, None
+            raise failure
         raise StopIteration
 
     def text(self) -> str:
@@ -244,7 +271,7 @@ class TextStream(Iterator[str]):
         self._worker.join()
         self._model._streams.discard(self)
 
-    def __enter__(self) -> TextStream:
+    def __enter__(self) -> Self:
         return self
 
     def __exit__(self, *exc: object) -> None:

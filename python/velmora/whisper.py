@@ -4,9 +4,9 @@ from __future__ import annotations
 import ctypes
 import os
 from collections.abc import Iterable, Mapping
-from typing import Any
 
 import numpy as np
+import numpy.typing as npt
 
 from . import _abi
 from ._library import Library, load_library
@@ -19,7 +19,10 @@ _FEWEST_SAMPLES = 201
 TASKS = ("transcribe", "translate")
 
 
-def _samples(audio: Any) -> np.ndarray:
+Samples = npt.NDArray[np.float32]
+
+
+def _samples(audio: npt.ArrayLike) -> Samples:
     """A contiguous float32 block: float samples as they are (float32 without
     a copy), 16-bit PCM scaled to [-1, 1); any other kind of sample is refused
     rather than guessed at."""
@@ -32,7 +35,8 @@ def _samples(audio: Any) -> np.ndarray:
     if block.ndim != 1:
         raise ValueError("audio must be one channel: a 1-D array of samples")
     if block.dtype == np.int16:
-        return block.astype(np.float32) / np.float32(32768)
+        scaled: Samples = block.astype(np.float32) / np.float32(32768)
+        return scaled
     if block.dtype.kind != "f" and block.size:
         raise TypeError(f"audio samples must be floats in [-1, 1] or int16 PCM, not {block.dtype}")
     samples = np.ascontiguousarray(block, dtype=np.float32)
@@ -45,7 +49,7 @@ def _samples(audio: Any) -> np.ndarray:
     return samples
 
 
-def read_audio(path: str | os.PathLike[str]) -> np.ndarray:
+def read_audio(path: str | os.PathLike[str]) -> Samples:
     """The samples of an audio file in any format libsndfile reads, mixed
     down to mono and resampled to 16 kHz, as transcribe() takes them.
     Needs the "audio" extra (soundfile and soxr)."""
@@ -57,7 +61,8 @@ def read_audio(path: str | os.PathLike[str]) -> np.ndarray:
                           f"({missing.name} is missing)") from missing
     data, rate = soundfile.read(os.fspath(path), dtype="float32", always_2d=True)
     mono = data.mean(axis=1, dtype=np.float32)
-    return soxr.resample(mono, rate, SAMPLE_RATE).astype(np.float32, copy=False)
+    samples: Samples = soxr.resample(mono, rate, SAMPLE_RATE).astype(np.float32, copy=False)
+    return samples
 
 
 class WhisperModel(Model):
@@ -66,7 +71,7 @@ class WhisperModel(Model):
 
     _family = "whisper"
 
-    def __init__(self, model_dir: str | os.PathLike[str], device: str | int = "CPU", *,
+    def __init__(self, model_dir: str | os.PathLike[str], device: str | int = _abi.DEFAULT_DEVICE, *,
                  library: Library | str | None = None):
         self._model_dir = model_path(model_dir)
         self._device = _abi.device_type(device)
@@ -74,7 +79,7 @@ class WhisperModel(Model):
         self._init(self._api.InitModel, encode(self._model_dir), self._device)
         self.config = Config(self, WHISPER_SETTINGS)
 
-    def transcribe(self, audio: Any) -> str:
+    def transcribe(self, audio: npt.ArrayLike) -> str:
         """The text of 16 kHz mono samples: floats in [-1, 1] (a NumPy array
         of any float dtype, float32 passed without a copy, or a sequence) or
         int16 PCM. A cancel() from another thread, or Ctrl-C, ends it early
@@ -102,13 +107,19 @@ class WhisperModel(Model):
         with self._using() as handle:
             return self._read_lang_to_id(handle)
 
+    @lang_to_id.setter
+    def lang_to_id(self, pairs: Mapping[str, int] | Iterable[tuple[str, int]]) -> None:
+        items = list(pairs.items() if isinstance(pairs, Mapping) else pairs)
+        with self._using() as handle:
+            self._write_lang_to_id(handle, items)
+
     def _read_lang_to_id(self, handle: ctypes.c_void_p) -> dict[str, int]:
         out, count = ctypes.c_void_p(), ctypes.c_size_t()
         self._call("GetLangToId", self._api.GetLangToId, handle, ctypes.byref(out), ctypes.byref(count))
         if not count.value:
             return {}
         pairs = ctypes.cast(out, ctypes.POINTER(_abi.LangIdPair))
-        result = {}
+        result: dict[str, int] = {}
         try:
             # Each key is a Text of its own, released before the array.
             for i in range(count.value):
@@ -120,12 +131,6 @@ class WhisperModel(Model):
         finally:
             self._api.FreeLangToId(out)
         return result
-
-    @lang_to_id.setter
-    def lang_to_id(self, pairs: Mapping[str, int] | Iterable[tuple[str, int]]) -> None:
-        items = list(pairs.items() if isinstance(pairs, Mapping) else pairs)
-        with self._using() as handle:
-            self._write_lang_to_id(handle, items)
 
     def _write_lang_to_id(self, handle: ctypes.c_void_p, items: list[tuple[str, int]]) -> None:
         keys = [encode(language, "lang_to_id key") for language, _ in items]
@@ -168,6 +173,14 @@ class WhisperModel(Model):
                                  f"{sample or 'none: the map is empty'}; not {value!r}")
         elif name == "task" and value not in TASKS:
             raise ValueError(f"task takes 'transcribe' or 'translate', not {value!r}")
+        elif name in ("return_timestamps", "max_new_tokens"):
+            # With fewer than two new tokens the runtime decodes the window again and again without reporting
+            # text: the transcription would never end, and no cancel reaches it.
+            few = name == "max_new_tokens" and isinstance(value, int) and value < 2
+            if (few and self.config["return_timestamps"]) or (
+                    name == "return_timestamps" and value and self.config["max_new_tokens"] in (0, 1)):
+                raise ValueError("return_timestamps=True needs max_new_tokens of 2 or more: with fewer the runtime "
+                                 "never ends the transcription")
 
     def _reset_setting(self, name: str) -> None:
         """The library never makes "language" or "task" absent again, so the

@@ -76,8 +76,12 @@ constexpr bool Filled(const WhisperApiBase& api) {
 
 constexpr LlmApiBase llmApi = MakeLlmApi();
 constexpr WhisperApiBase whisperApi = MakeWhisperApi();
+// GCC's null-pointer sanitizer stops treating a function's address as non-null at compile time; the
+// sanitizer builds compile these same tables, which every other build checks.
+#ifndef __SANITIZE_ADDRESS__
 static_assert(Filled(llmApi), "every LLM slot is filled");
 static_assert(Filled(whisperApi), "every Whisper slot is filled");
+#endif
 
 }  // namespace
 

@@ -124,6 +124,8 @@ class Host(unittest.TestCase):
                            (["--set", "stop_criteria=early", PROMPT], "stop_criteria takes EARLY, HEURISTIC or NEVER"),
                            ([*whisper, "--set", "max_new_tokens=x", SPEECH], "max_new_tokens takes an integer"),
                            ([*whisper, "--set", "task=say", SPEECH], "task takes transcribe or translate"),
+                           ([*whisper, "--set", "return_timestamps=true", "--set", "max_new_tokens=1", SPEECH],
+                            "return_timestamps=true needs max_new_tokens of 2 or more"),
                            (["--context", "many"], "bad value for --context"), (["--set", "novalue"], "bad value"),
                            (["tokenize", "--stop", "x", "a"], "--stop does not apply to tokenize"),
                            (["tokenize", "--model", tiny_llm], "tokenize needs a text"), (["transcribe", "--stop", "x", "a.wav"], "")]:

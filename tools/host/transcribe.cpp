@@ -2,6 +2,8 @@
 #include <chrono>
 #include <climits>
 #include <cstdio>
+#include <string>
+#include <strings.h>
 #include <vector>
 
 #include "audio.h"
@@ -13,11 +15,30 @@
 #include "stats.h"
 
 namespace cli {
+namespace {
+
+// Timestamps with fewer than two new tokens make the runtime decode the window again and again without ever
+// reporting text, so the transcription would never end and no Ctrl-C would reach it. The model's own
+// defaults never ask for that, so only the --set values need a look.
+bool EndsInTheRuntime(const Options& options) {
+    std::string timestamps, limit;
+    for (const auto& [name, value] : options.settings) {
+        if (name == "return_timestamps") timestamps = value;
+        if (name == "max_new_tokens") limit = value;
+    }
+    return strcasecmp(timestamps.c_str(), "true") != 0 || (limit != "0" && limit != "1");
+}
+
+}  // namespace
 
 int RunTranscribe(const Options& options, Library& library) {
     const WhisperApiBase& api = library.whisper();
     if (options.words.size() != (options.listSettings ? 0 : 1))
         return UsageError("transcribe needs one audio file");
+
+    if (!EndsInTheRuntime(options))
+        return UsageError("return_timestamps=true needs max_new_tokens of 2 or more: with fewer the runtime never "
+                          "ends the transcription");
 
     std::vector<float> samples;
     std::string error;

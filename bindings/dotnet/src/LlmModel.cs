@@ -18,35 +18,37 @@ namespace Velmora
         {
             byte[] path = ModelCore.ModelPath(modelDir);
             api = Library.Llm;
-            core = new ModelCore(Family.Llm, api, "LlmModel");
+            core = new ModelCore(Family.Llm, api, nameof(LlmModel));
             core.CheckSetting = CheckSetting;
             core.Init(modelDir, (ref HostCallbacks callbacks, out IntPtr handle) => api.InitModel(path, (int)device, contextLength, out handle, ref callbacks));
         }
 
         public Settings Settings { get { return core.Settings; } }
 
-        /// <summary>The generated text. A <see cref="Cancel"/> from another thread ends it early with the
-        /// text so far. Status 2/3 means the settings failed validation, 4/5 the generation failed.</summary>
-        public string Generate(string prompt) { return Generate(prompt, CancellationToken.None); }
-
-        /// <summary>The generated text; cancelling the token ends it early with the text so far, even
-        /// when it is cancelled just as the generation starts (a lone <see cref="Cancel"/> then is
-        /// forgotten by the run).</summary>
-        public string Generate(string prompt, CancellationToken cancellationToken)
+        /// <summary>The generated text. <see cref="VelmoraException.Status"/> 2 or 3 means the settings
+        /// failed validation, 4 or 5 that the generation failed.</summary>
+        /// <param name="cancellationToken">Stops the generation at its next token, even when cancelled just
+        /// as it starts; the call then throws <see cref="OperationCanceledException"/> (whatever was
+        /// generated is dropped: stream it to keep the pieces). A lone <see cref="Cancel"/> instead makes
+        /// the call return the text so far.</param>
+        /// <exception cref="OperationCanceledException">The token was cancelled before the call returned.</exception>
+        public string Generate(string prompt, CancellationToken cancellationToken = default(CancellationToken))
         {
             byte[] data = Prompt(prompt);
-            if (cancellationToken.IsCancellationRequested) return "";
+            cancellationToken.ThrowIfCancellationRequested();
             IntPtr text = IntPtr.Zero;
             using (ModelCore.Scope s = core.Use())
             using (Canceller.Repeating(api.CancelModel, s.Raw, cancellationToken))
                 Family.Check("QueryModel", api.QueryModel(s.Raw, data, out text));
-            return Text.TakeText(text, api.FreeQueryResult);
+            string result = Text.TakeText(text, api.FreeQueryResult);
+            cancellationToken.ThrowIfCancellationRequested();
+            return result;
         }
 
         static byte[] Prompt(string prompt)
         {
-            byte[] data = Text.Encode(prompt, "prompt");
-            if (data.Length == 1) throw new ArgumentException("prompt is empty: the model needs at least one token to continue from", "prompt");
+            byte[] data = Text.Encode(prompt, nameof(prompt));
+            if (data.Length == 1) throw new ArgumentException("prompt is empty: the model needs at least one token to continue from", nameof(prompt));
             return data;
         }
 
@@ -54,14 +56,16 @@ namespace Velmora
         {
             long eos;
             if (name != "eos_token_id" || !long.TryParse(value, out eos) || eos == -1) return;
-            if (Array.IndexOf(StopTokenIds, eos) < 0)
-                throw new ArgumentException("eos_token_id " + eos + " is not among StopTokenIds, which the runtime requires: add it first", "value");
+            if (Array.IndexOf(StopTokens(), eos) < 0)
+                throw new ArgumentException("eos_token_id " + eos + " is not among the stop token ids, which the runtime requires: add it first", nameof(value));
         }
 
         /// <summary>The pieces of the generation as they arrive, generated on a worker thread. Leaving the
         /// loop early, disposing the enumerator or cancelling the token stops the generation and waits for
-        /// it to end; a cancelled token ends the sequence after the pieces so far. Each enumeration
-        /// generates anew.</summary>
+        /// it to end. Each enumeration generates anew.</summary>
+        /// <param name="cancellationToken">Once cancelled, the next step of the enumeration stops the
+        /// generation and throws <see cref="OperationCanceledException"/>, after the pieces already
+        /// yielded; a lone <see cref="Cancel"/> instead ends the sequence there.</param>
         public IEnumerable<string> Stream(string prompt, CancellationToken cancellationToken = default(CancellationToken))
         {
             byte[] data = Prompt(prompt);
@@ -75,64 +79,64 @@ namespace Velmora
 
         public long[] Tokenize(string text)
         {
-            byte[] data = Text.Encode(text, "text");
+            byte[] data = Text.Encode(text, nameof(text));
             IntPtr ids = IntPtr.Zero;
             UIntPtr count = UIntPtr.Zero;
             using (ModelCore.Scope s = core.Use()) Family.Check("Tokenize", api.Tokenize(s.Raw, data, out ids, out count));
             return Text.TakeIds(ids, count, api.FreeTokens);
         }
 
-        /// <summary>The stop strings in byte order (the library keeps a sorted set).</summary>
-        public string[] StopStrings
+        /// <summary>A copy of the stop strings, in byte order (the library keeps a sorted set).</summary>
+        public IReadOnlyList<string> GetStopStrings()
         {
-            get
+            IntPtr array = IntPtr.Zero;
+            UIntPtr count = UIntPtr.Zero;
+            using (ModelCore.Scope s = core.Use()) Family.Check("GetStopStrings", api.GetStopStrings(s.Raw, out array, out count));
+            if (count == UIntPtr.Zero) return Array.Empty<string>();
+            try
             {
-                IntPtr array = IntPtr.Zero;
-                UIntPtr count = UIntPtr.Zero;
-                using (ModelCore.Scope s = core.Use()) Family.Check("GetStopStrings", api.GetStopStrings(s.Raw, out array, out count));
-                if (count == UIntPtr.Zero) return new string[0];
-                try
-                {
-                    var strings = new string[checked((int)count.ToUInt64())];
-                    for (int i = 0; i < strings.Length; i++) strings[i] = Text.Decode(Marshal.ReadIntPtr(array, i * IntPtr.Size));
-                    return strings;
-                }
-                finally { api.FreeStopStrings(array, count); }
+                var strings = new string[checked((int)count.ToUInt64())];
+                for (int i = 0; i < strings.Length; i++) strings[i] = Text.Decode(Marshal.ReadIntPtr(array, i * IntPtr.Size));
+                return Array.AsReadOnly(strings);
             }
-            set
-            {
-                if (value == null) throw new ArgumentNullException("value");
-                IntPtr[] strings = Text.Allocate(value, "value");
-                try
-                {
-                    using (ModelCore.Scope s = core.Use())
-                        Family.Check("SetStopStrings", api.SetStopStrings(s.Raw, strings, (UIntPtr)strings.Length));
-                }
-                finally { Text.FreeAll(strings); }
-            }
+            finally { api.FreeStopStrings(array, count); }
         }
 
-        /// <summary>The stop token ids in ascending order (a sorted set).</summary>
-        public long[] StopTokenIds
+        /// <summary>Replaces the stop strings; an empty sequence removes them all.</summary>
+        public void SetStopStrings(IEnumerable<string> strings)
         {
-            get { return core.GetIds("GetStopTokens", api.GetStopTokens, api.FreeStopTokens); }
-            set
+            IntPtr[] copies = Text.Allocate(ModelCore.ToArray(strings, nameof(strings)), nameof(strings));
+            try
             {
-                if (value == null) throw new ArgumentNullException("value");
-                long eos = core.Settings.GetInt64("eos_token_id");
-                // The runtime refuses every later generation without it; say so now.
-                if (eos != -1 && Array.IndexOf(value, eos) < 0)
-                    throw new ArgumentException("StopTokenIds must hold the end-of-text id " + eos + " (Settings[\"eos_token_id\"]); "
-                                                + "include it, or set eos_token_id to -1 first", "value");
-                core.SetIds("SetStopTokens", api.SetStopTokens, value);
+                using (ModelCore.Scope s = core.Use())
+                    Family.Check("SetStopStrings", api.SetStopStrings(s.Raw, copies, (UIntPtr)copies.Length));
             }
+            finally { Text.FreeAll(copies); }
+        }
+
+        /// <summary>A copy of the stop token ids, in ascending order (a sorted set).</summary>
+        public IReadOnlyList<long> GetStopTokenIds() { return Array.AsReadOnly(StopTokens()); }
+
+        long[] StopTokens() { return core.GetIds("GetStopTokens", api.GetStopTokens, api.FreeStopTokens); }
+
+        /// <summary>Replaces the stop token ids. They must hold the end-of-text id (the setting
+        /// "eos_token_id"), which the runtime insists on, unless that is -1.</summary>
+        public void SetStopTokenIds(IEnumerable<long> ids)
+        {
+            long[] values = ModelCore.ToArray(ids, nameof(ids));
+            long eos = core.Settings.GetInt64("eos_token_id");
+            // The runtime refuses every later generation without it; say so now.
+            if (eos != -1 && Array.IndexOf(values, eos) < 0)
+                throw new ArgumentException("the stop token ids must hold the end-of-text id " + eos + " (Settings[\"eos_token_id\"]); "
+                                            + "include it, or set eos_token_id to -1 first", nameof(ids));
+            core.SetIds("SetStopTokens", api.SetStopTokens, values);
         }
 
         /// <summary>For the NPU, compiles the model into a ".blob" beside its files; for CPU and GPU,
         /// builds and drops a pipeline. Needs no model.</summary>
         public static void Compile(string modelDir, Device device, int contextLength)
         {
-            byte[] path = Text.Encode(modelDir, "modelDir");
+            byte[] path = Text.Encode(modelDir, nameof(modelDir));
             LlmApi api = Library.Llm;
             Family family = Family.Llm;
             // The library reports CompileModel through the last LLM InitModel's pair and has none

@@ -1,6 +1,7 @@
 // What both model classes share: the handle's lifetime, one call at a time
 // per handle, settings by name and id lists.
 using System;
+using System.Collections.Generic;
 using System.Runtime.InteropServices;
 using System.Threading;
 
@@ -93,7 +94,7 @@ namespace Velmora
         /// <summary>The model directory, refused in one line naming it before the library sees it.</summary>
         internal static byte[] ModelPath(string modelDir)
         {
-            byte[] path = Text.Encode(modelDir, "modelDir");
+            byte[] path = Text.Encode(modelDir, nameof(modelDir));
             if (!System.IO.Directory.Exists(modelDir))
                 throw new System.IO.DirectoryNotFoundException("cannot load model: '" + System.IO.Path.GetFullPath(modelDir) + "' "
                     + (System.IO.File.Exists(modelDir) ? "is not a directory" : "does not exist"));
@@ -193,7 +194,7 @@ namespace Velmora
 
         internal string GetProperty(string name)
         {
-            byte[] key = Text.Encode(name, "name");
+            byte[] key = Text.Encode(name, nameof(name));
             IntPtr value = IntPtr.Zero;
             using (Scope s = Use()) Family.Check("GetConfigProperty", Slots.GetConfigProperty(s.Raw, key, out value));
             return Text.TakeText(value, Slots.FreeConfigProperty);
@@ -205,11 +206,12 @@ namespace Velmora
 
         internal void SetProperty(string name, string value)
         {
-            byte[] key = Text.Encode(name, "name"), text = Text.Encode(value, "value");
+            byte[] key = Text.Encode(name, nameof(name)), text = Text.Encode(value, nameof(value));
             CheckSetting(name, value);
             using (Scope s = Use()) Family.Check("SetConfigProperty", Slots.SetConfigProperty(s.Raw, key, text));
         }
 
+        /// <summary>A copy of an id list; the library's buffer is given back before this returns.</summary>
         internal long[] GetIds(string operation, Native.GetListFn getter, Native.ReleaseFn release)
         {
             IntPtr ids = IntPtr.Zero;
@@ -220,8 +222,14 @@ namespace Velmora
 
         internal void SetIds(string operation, Native.SetIdsFn setter, long[] ids)
         {
-            if (ids == null) throw new ArgumentNullException("value");
             using (Scope s = Use()) Family.Check(operation, setter(s.Raw, ids, (UIntPtr)ids.Length));
+        }
+
+        /// <summary>The items as an array, refusing a null sequence by the caller's parameter name.</summary>
+        internal static T[] ToArray<T>(IEnumerable<T> items, string what)
+        {
+            if (items == null) throw new ArgumentNullException(what);
+            return new List<T>(items).ToArray();
         }
     }
 }

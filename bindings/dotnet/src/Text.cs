@@ -22,7 +22,7 @@ namespace Velmora
 
         internal static byte[] Bytes(IntPtr text)
         {
-            if (text == IntPtr.Zero) return new byte[0];
+            if (text == IntPtr.Zero) return Array.Empty<byte>();
             int length = 0;
             while (Marshal.ReadByte(text, length) != 0) length++;
             byte[] bytes = new byte[length];
@@ -46,7 +46,7 @@ namespace Velmora
         /// <summary>An empty list is never allocated: nothing to release without a pointer.</summary>
         internal static long[] TakeIds(IntPtr ids, UIntPtr count, Native.ReleaseFn release)
         {
-            if (ids == IntPtr.Zero) return new long[0];
+            if (ids == IntPtr.Zero) return Array.Empty<long>();
             try
             {
                 var result = new long[checked((int)count.ToUInt64())];

@@ -156,23 +156,33 @@ namespace Velmora
             if (finished) return false;
             if (run == null)
             {
-                if (token.IsCancellationRequested) { finished = true; return false; }
+                if (token.IsCancellationRequested) { finished = true; token.ThrowIfCancellationRequested(); }
                 var starting = new StreamRun(core, api, prompt);
                 starting.Start();  // may throw: then there is no run to stop
                 run = starting;
                 registration = token.Register(run.Stop);
             }
-            byte[] piece;
-            while (!ended && run.Pieces.TryTake(out piece, Timeout.Infinite))
+            try
             {
-                string text = Decode(piece, false);
-                if (text.Length > 0) { current = text; return true; }
+                byte[] piece;
+                while (!ended && run.Pieces.TryTake(out piece, Timeout.Infinite, token))
+                {
+                    string text = Decode(piece, false);
+                    if (text.Length > 0) { current = text; return true; }
+                }
+                // A run that ended as the token was cancelled counts as cancelled all the same.
+                token.ThrowIfCancellationRequested();
+            }
+            catch (OperationCanceledException)
+            {
+                Dispose();
+                throw;
             }
             if (!ended)
             {
                 ended = true;
                 Finish();
-                string rest = Decode(new byte[0], true);
+                string rest = Decode(Array.Empty<byte>(), true);
                 if (rest.Length > 0) { current = rest; return true; }
             }
             finished = true;

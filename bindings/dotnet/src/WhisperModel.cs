@@ -1,6 +1,7 @@
 // Speech transcription.
 using System;
 using System.Collections.Generic;
+using System.Collections.ObjectModel;
 using System.Runtime.ExceptionServices;
 using System.Runtime.InteropServices;
 using System.Threading;
@@ -17,7 +18,7 @@ namespace Velmora
         {
             byte[] path = ModelCore.ModelPath(modelDir);
             api = Library.Whisper;
-            core = new ModelCore(Family.Whisper, api, "WhisperModel");
+            core = new ModelCore(Family.Whisper, api, nameof(WhisperModel));
             core.CheckSetting = CheckSetting;
             core.Init(modelDir, (ref HostCallbacks callbacks, out IntPtr handle) => api.InitModel(path, (int)device, out handle, ref callbacks));
         }
@@ -27,99 +28,116 @@ namespace Velmora
         /// <summary>The runtime pads by reflection and needs more samples than this.</summary>
         public const int FewestSamples = 201;
 
-        /// <summary>The text of 16 kHz mono samples in [-1, 1]. Cancelling the token (or
-        /// <see cref="Cancel"/>) ends it early with the text so far; it takes effect when the runtime next
+        /// <summary>The text of 16 kHz mono samples in [-1, 1]. A cancel takes effect when the runtime next
         /// reports text, which in audio without speech is only at the end.</summary>
+        /// <param name="cancellationToken">Stops the transcription; the call then throws
+        /// <see cref="OperationCanceledException"/>. A lone <see cref="Cancel"/> instead makes it return
+        /// the text so far.</param>
+        /// <exception cref="OperationCanceledException">The token was cancelled before the call returned.</exception>
         public string Transcribe(float[] samples, CancellationToken cancellationToken = default(CancellationToken))
         {
-            if (samples == null) throw new ArgumentNullException("samples");
+            if (samples == null) throw new ArgumentNullException(nameof(samples));
             if (samples.Length < FewestSamples)
-                throw new ArgumentException("samples holds " + samples.Length + " samples; the model needs at least " + FewestSamples, "samples");
+                throw new ArgumentException("samples holds " + samples.Length + " samples; the model needs at least " + FewestSamples, nameof(samples));
             for (int i = 0; i < samples.Length; i++)
                 if (float.IsNaN(samples[i]) || float.IsInfinity(samples[i]))
-                    throw new ArgumentException("samples holds NaN or infinite values (the first at index " + i + ")", "samples");
-            if (cancellationToken.IsCancellationRequested) return "";
+                    throw new ArgumentException("samples holds NaN or infinite values (the first at index " + i + ")", nameof(samples));
+            cancellationToken.ThrowIfCancellationRequested();
             IntPtr text = IntPtr.Zero;
             using (ModelCore.Scope s = core.Use())
             using (Canceller.Repeating(api.CancelModel, s.Raw, cancellationToken))
                 Family.Check("QueryModel", api.QueryModel(s.Raw, samples, samples.Length, out text));
-            return Text.TakeText(text, api.FreeQueryResult);
+            string result = Text.TakeText(text, api.FreeQueryResult);
+            cancellationToken.ThrowIfCancellationRequested();
+            return result;
         }
 
         // The runtime checks these two only when transcribing.
         void CheckSetting(string name, string value)
         {
             if (name == "task" && value != "transcribe" && value != "translate")
-                throw new ArgumentException("task takes \"transcribe\" or \"translate\", not \"" + value + "\"", "value");
-            if (name == "language" && !LanguageMap.ContainsKey(value))
-                throw new ArgumentException("language takes a token of LanguageMap such as \"<|en|>\", not \"" + value + "\"", "value");
+                throw new ArgumentException("task takes \"transcribe\" or \"translate\", not \"" + value + "\"", nameof(value));
+            if (name == "language" && !GetLanguageMap().ContainsKey(value))
+                throw new ArgumentException("language takes a token of the language map such as \"<|en|>\", not \"" + value + "\"", nameof(value));
+            // With fewer than two new tokens the runtime decodes the window again and again without reporting
+            // text: the transcription would never end, and no cancel reaches it.
+            bool few = name == "max_new_tokens" && (value == "0" || value == "1");
+            bool timestamps = name == "return_timestamps" && value.Equals("true", StringComparison.OrdinalIgnoreCase);
+            if ((few && Settings["return_timestamps"] == "true") || (timestamps && (Settings["max_new_tokens"] == "0" || Settings["max_new_tokens"] == "1")))
+                throw new ArgumentException("return_timestamps=true needs max_new_tokens of 2 or more: with fewer the runtime never ends the transcription", nameof(value));
         }
 
         /// <summary>Asks a running transcription to stop. Any thread; never blocks; does nothing on a
         /// disposed model.</summary>
         public void Cancel() { core.Cancel(); }
 
-        /// <summary>Language token ("&lt;|en|&gt;") to token id. Assigning replaces the whole map.</summary>
-        public IDictionary<string, long> LanguageMap
+        /// <summary>A copy of the language map: language token ("&lt;|en|&gt;") to token id.</summary>
+        public IReadOnlyDictionary<string, long> GetLanguageMap()
         {
-            get
+            IntPtr array = IntPtr.Zero;
+            UIntPtr count = UIntPtr.Zero;
+            using (ModelCore.Scope s = core.Use()) Family.Check("GetLangToId", api.GetLangToId(s.Raw, out array, out count));
+            var map = new Dictionary<string, long>();
+            if (count == UIntPtr.Zero) return new ReadOnlyDictionary<string, long>(map);
+            int size = Marshal.SizeOf<LangIdPair>();
+            ExceptionDispatchInfo failure = null;
+            try
             {
-                IntPtr array = IntPtr.Zero;
-                UIntPtr count = UIntPtr.Zero;
-                using (ModelCore.Scope s = core.Use()) Family.Check("GetLangToId", api.GetLangToId(s.Raw, out array, out count));
-                var map = new Dictionary<string, long>();
-                if (count == UIntPtr.Zero) return map;
-                int size = Marshal.SizeOf(typeof(LangIdPair));
-                ExceptionDispatchInfo failure = null;
-                try
+                // Each key is a buffer of its own: all are released even if one cannot be read.
+                for (long i = 0; i < (long)count.ToUInt64(); i++)
                 {
-                    // Each key is a buffer of its own: all are released even if one cannot be read.
-                    for (long i = 0; i < (long)count.ToUInt64(); i++)
-                    {
-                        IntPtr entry = new IntPtr(array.ToInt64() + i * size);
-                        IntPtr key = Marshal.ReadIntPtr(entry);
-                        try { if (failure == null) map[Text.Decode(key)] = Marshal.ReadInt64(entry, IntPtr.Size); }
-                        catch (Exception e) { failure = ExceptionDispatchInfo.Capture(e); }
-                        finally { api.FreeQueryResult(key); }
-                    }
+                    IntPtr entry = new IntPtr(array.ToInt64() + i * size);
+                    IntPtr key = Marshal.ReadIntPtr(entry);
+                    try { if (failure == null) map[Text.Decode(key)] = Marshal.ReadInt64(entry, IntPtr.Size); }
+                    catch (Exception e) { failure = ExceptionDispatchInfo.Capture(e); }
+                    finally { api.FreeQueryResult(key); }
                 }
-                finally { api.FreeLangToId(array); }
-                if (failure != null) failure.Throw();
-                return map;
             }
-            set
-            {
-                if (value == null) throw new ArgumentNullException("value");
-                var keys = new string[value.Count];
-                var pairs = new LangIdPair[value.Count];
-                int n = 0;
-                foreach (KeyValuePair<string, long> entry in value)
-                {
-                    keys[n] = entry.Key;
-                    pairs[n++].Id = entry.Value;
-                }
-                IntPtr[] texts = Text.Allocate(keys, "value");
-                try
-                {
-                    for (int i = 0; i < n; i++) pairs[i].Language = texts[i];
-                    using (ModelCore.Scope s = core.Use()) Family.Check("SetLangToId", api.SetLangToId(s.Raw, pairs, (UIntPtr)n));
-                }
-                finally { Text.FreeAll(texts); }
-            }
+            finally { api.FreeLangToId(array); }
+            if (failure != null) failure.Throw();
+            return new ReadOnlyDictionary<string, long>(map);
         }
 
-        /// <summary>Token ids suppressed throughout, in order, duplicates kept.</summary>
-        public long[] SuppressTokens
+        /// <summary>Replaces the whole language map.</summary>
+        public void SetLanguageMap(IEnumerable<KeyValuePair<string, long>> map)
         {
-            get { return core.GetIds("GetSuppressTokens", api.GetSuppressTokens, api.FreeSuppressTokens); }
-            set { core.SetIds("SetSuppressTokens", api.SetSuppressTokens, value); }
+            KeyValuePair<string, long>[] entries = ModelCore.ToArray(map, nameof(map));
+            var keys = new string[entries.Length];
+            var pairs = new LangIdPair[entries.Length];
+            for (int i = 0; i < entries.Length; i++)
+            {
+                keys[i] = entries[i].Key;
+                pairs[i].Id = entries[i].Value;
+            }
+            IntPtr[] texts = Text.Allocate(keys, nameof(map));
+            try
+            {
+                for (int i = 0; i < texts.Length; i++) pairs[i].Language = texts[i];
+                using (ModelCore.Scope s = core.Use()) Family.Check("SetLangToId", api.SetLangToId(s.Raw, pairs, (UIntPtr)pairs.Length));
+            }
+            finally { Text.FreeAll(texts); }
         }
 
-        /// <summary>Token ids suppressed at the start, in order, duplicates kept.</summary>
-        public long[] BeginSuppressTokens
+        /// <summary>A copy of the token ids suppressed throughout, in order, duplicates kept.</summary>
+        public IReadOnlyList<long> GetSuppressTokens()
         {
-            get { return core.GetIds("GetBeginSuppressTokens", api.GetBeginSuppressTokens, api.FreeBeginSuppressTokens); }
-            set { core.SetIds("SetBeginSuppressTokens", api.SetBeginSuppressTokens, value); }
+            return Array.AsReadOnly(core.GetIds("GetSuppressTokens", api.GetSuppressTokens, api.FreeSuppressTokens));
+        }
+
+        public void SetSuppressTokens(IEnumerable<long> ids)
+        {
+            core.SetIds("SetSuppressTokens", api.SetSuppressTokens, ModelCore.ToArray(ids, nameof(ids)));
+        }
+
+        /// <summary>A copy of the token ids suppressed at the start, in order, duplicates kept.</summary>
+        public IReadOnlyList<long> GetBeginSuppressTokens()
+        {
+            return Array.AsReadOnly(core.GetIds("GetBeginSuppressTokens", api.GetBeginSuppressTokens, api.FreeBeginSuppressTokens));
+        }
+
+        public void SetBeginSuppressTokens(IEnumerable<long> ids)
+        {
+            core.SetIds("SetBeginSuppressTokens", api.SetBeginSuppressTokens, ModelCore.ToArray(ids, nameof(ids)));
         }
 
         /// <summary>Ends the model (once; later calls do nothing).</summary>

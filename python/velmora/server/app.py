@@ -10,10 +10,11 @@ import os
 import tempfile
 import time
 import uuid
+from collections.abc import AsyncIterator, Awaitable, Callable, Iterator
 from contextlib import asynccontextmanager
 from dataclasses import dataclass, field
 from importlib import resources
-from typing import Any, Callable, Literal, Optional
+from typing import Any, Literal
 
 import anyio
 import numpy as np
@@ -24,11 +25,14 @@ from fastapi.responses import HTMLResponse, JSONResponse, PlainTextResponse, Res
 from prometheus_client import CONTENT_TYPE_LATEST, CollectorRegistry, generate_latest
 from sse_starlette import EventSourceResponse
 from starlette.exceptions import HTTPException
+from starlette.types import ASGIApp, Message, Receive, Scope, Send
 
-from .. import LlmModel, VelmoraError, WhisperModel, read_audio
+from .. import DEFAULT_DEVICE, LlmModel, TextStream, VelmoraError, WhisperModel, read_audio
+from ..config import Value
 from ..errors import PropertyError
+from ..whisper import Samples
 from .metrics import Metrics
-from .pool import Busy, LlmSlot, Pool
+from .pool import Busy, LlmSlot, Pool, Slot
 from .schemas import ChatRequest, CompletionRequest, Sampling
 
 log = logging.getLogger("velmora.server")
@@ -38,22 +42,22 @@ log = logging.getLogger("velmora.server")
 class Options:
     llm: dict[str, str] = field(default_factory=dict)      # model name -> directory
     whisper: dict[str, str] = field(default_factory=dict)
-    device: str = "CPU"
+    device: str = DEFAULT_DEVICE
     context: int = 2048          # prompt plus answer, in tokens
     max_tokens: int = 256        # answer length when a request gives none
     parallel: int = 1            # handles per model
     queue: int = 8               # requests waiting per model
-    api_key: Optional[str] = None
+    api_key: str | None = None
     max_body_bytes: int = 25 * 2**20
     timeout: float = 600.0       # seconds one generation or transcription may run
-    library: Optional[str] = None
+    library: str | None = None
 
 
 class ApiError(Exception):
     """Answered as the API's error object."""
 
-    def __init__(self, status: int, message: str, kind: str = "invalid_request_error", param: Optional[str] = None,
-                 code: Optional[str] = None, headers: Optional[dict[str, str]] = None):
+    def __init__(self, status: int, message: str, kind: str = "invalid_request_error", param: str | None = None,
+                 code: str | None = None, headers: dict[str, str] | None = None):
         super().__init__(message)
         self.status, self.message, self.kind, self.param, self.code = status, message, kind, param, code
         self.headers = headers
@@ -74,14 +78,17 @@ def _busy(what: str) -> ApiError:
                     "server_error", code="server_busy", headers={"Retry-After": "1"})
 
 
+AnyModel = LlmModel | WhisperModel
+
+
 class _DisconnectWatch:
     """Cancels the model's work when the client goes away before the answer."""
 
-    def __init__(self, request: Request, model: Any):
+    def __init__(self, request: Request, model: AnyModel):
         self.gone = False
         self._task = asyncio.ensure_future(self._watch(request, model))
 
-    async def _watch(self, request: Request, model: Any) -> None:
+    async def _watch(self, request: Request, model: AnyModel) -> None:
         while (await request.receive())["type"] != "http.disconnect":
             pass
         self.gone = True
@@ -94,7 +101,7 @@ class _DisconnectWatch:
 class _Timer:
     """Cancels the model's work once it has run past the time limit."""
 
-    def __init__(self, seconds: float, model: Any):
+    def __init__(self, seconds: float, model: AnyModel):
         self.expired = False
 
         def expire() -> None:
@@ -107,7 +114,7 @@ class _Timer:
         self._handle.cancel()
 
 
-def _next_piece(stream: Any) -> Optional[str]:
+def _next_piece(stream: Iterator[str]) -> str | None:
     return next(stream, None)
 
 
@@ -115,10 +122,10 @@ def _next_piece(stream: Any) -> Optional[str]:
 class _Run:
     """One generation on a held handle."""
     slot: LlmSlot
-    stream: Any
+    stream: TextStream
     prompt_tokens: int
     limit: int
-    first: Optional[str]
+    first: str | None
     pieces: list[str] = field(default_factory=list)
 
     def finish(self) -> tuple[str, dict[str, int], str]:
@@ -133,8 +140,8 @@ class _Run:
 
 
 def create_app(options: Options, on_load_failure: Callable[[], None] = lambda: None) -> FastAPI:
-    llm_pools: dict[str, Pool] = {}
-    whisper_pools: dict[str, Pool] = {}
+    llm_pools: dict[str, Pool[LlmSlot]] = {}
+    whisper_pools: dict[str, Pool[_WhisperSlot]] = {}
     state: dict[str, Any] = {"ready": False, "failure": None}
     registry = CollectorRegistry()
     metrics = Metrics(registry, lambda: {**llm_pools, **whisper_pools})
@@ -159,13 +166,14 @@ def create_app(options: Options, on_load_failure: Callable[[], None] = lambda: N
             on_load_failure()
 
     @asynccontextmanager
-    async def lifespan(app: FastAPI):
+    async def lifespan(app: FastAPI) -> AsyncIterator[None]:
         loading = asyncio.ensure_future(load_in_background())
         yield
         loading.cancel()
-        for pool in [*llm_pools.values(), *whisper_pools.values()]:
-            for slot in pool.handles:
-                slot.model.close()
+        loaded: list[AnyModel] = [slot.model for pool in llm_pools.values() for slot in pool.handles]
+        loaded += [slot.model for pool in whisper_pools.values() for slot in pool.handles]
+        for model in loaded:
+            model.close()
 
     app = FastAPI(title="velmora", lifespan=lifespan, docs_url=None, redoc_url=None)
     app.add_middleware(_BodyLimit, limit=options.max_body_bytes)
@@ -211,7 +219,7 @@ def create_app(options: Options, on_load_failure: Callable[[], None] = lambda: N
             raise ApiError(401, "a valid API key is needed: send the header 'Authorization: Bearer KEY'",
                            "authentication_error", code="invalid_api_key")
 
-    def pool_of(pools: dict[str, Pool], name: str, family: str) -> Pool:
+    def pool_of(pools: dict[str, Pool[Slot]], name: str, family: str) -> Pool[Slot]:
         if not state["ready"]:
             raise ApiError(503, "the models are still loading", "server_error", code="loading",
                            headers={"Retry-After": "1"})
@@ -221,13 +229,13 @@ def create_app(options: Options, on_load_failure: Callable[[], None] = lambda: N
                            param="model", code="model_not_found")
         return pools[name]
 
-    async def acquire(pool: Pool, name: str) -> Any:
+    async def acquire(pool: Pool[Slot], name: str) -> Slot:
         try:
             return await pool.acquire()
         except Busy:
             raise _busy(f"the model '{name}'") from None
 
-    def start(slot: LlmSlot, body: Sampling, prompt: Callable[[Any], str]) -> _Run:
+    def start(slot: LlmSlot, body: Sampling, prompt: Callable[[LlmModel], str]) -> _Run:
         model = slot.model
         text = prompt(model)
         prompt_tokens = len(model.tokenize(text))
@@ -240,7 +248,7 @@ def create_app(options: Options, on_load_failure: Callable[[], None] = lambda: N
                            param="max_tokens" if asked is not None and room >= 1 else
                            ("messages" if isinstance(body, ChatRequest) else "prompt"),
                            code="context_length_exceeded")
-        settings: dict[str, Any] = {"max_new_tokens": limit}
+        settings: dict[str, Value] = {"max_new_tokens": limit}
         if body.temperature is not None:
             settings["do_sample"] = body.temperature != 0
             if body.temperature != 0:
@@ -266,12 +274,13 @@ def create_app(options: Options, on_load_failure: Callable[[], None] = lambda: N
             raise ApiError(400, error.message or str(error), code="invalid_value") from None
         return _Run(slot, stream, prompt_tokens, limit, first, [] if first is None else [first])
 
-    async def generate(request: Request, body: Sampling, endpoint: str, prompt: Callable[[Any], str]) -> Response:
+    async def generate(request: Request, body: Sampling, endpoint: str,
+                       prompt: Callable[[LlmModel], str]) -> Response:
         pool = pool_of(llm_pools, body.model, "LLM")
         slot = await acquire(pool, body.model)
         begun = time.perf_counter()
         watch, timer = _DisconnectWatch(request, slot.model), _Timer(options.timeout, slot.model)
-        run: Optional[_Run] = None
+        run: _Run | None = None
         try:
             run = await to_thread.run_sync(start, slot, body, prompt)
             metrics.first_token.labels(body.model).observe(time.perf_counter() - begun)
@@ -297,13 +306,13 @@ def create_app(options: Options, on_load_failure: Callable[[], None] = lambda: N
             return answer
         return _Events(_events(run, endpoint, body), lambda: _end_stream(pool, run, timer))
 
-    async def _close(pool: Pool, slot: Any, run: Optional[_Run]) -> None:
+    async def _close(pool: Pool[LlmSlot], slot: LlmSlot, run: _Run | None) -> None:
         with anyio.CancelScope(shield=True):
             if run is not None:
                 await to_thread.run_sync(run.stream.close)
             pool.release(slot)
 
-    async def _events(run: _Run, endpoint: str, body: Sampling):
+    async def _events(run: _Run, endpoint: str, body: Sampling) -> AsyncIterator[dict[str, str]]:
         ident, created = _ident(endpoint), int(time.time())
         yield _chunk(endpoint, ident, created, body.model, "", None, first=True)
         piece = run.first
@@ -314,7 +323,7 @@ def create_app(options: Options, on_load_failure: Callable[[], None] = lambda: N
             except VelmoraError as error:
                 # Headers are sent: the failure can only travel as an event.
                 failure = ApiError(500, error.message or str(error), "server_error")
-                yield {"data": failure.response().body.decode()}
+                yield {"data": bytes(failure.response().body).decode()}
                 return
             if piece is not None:
                 run.pieces.append(piece)
@@ -327,7 +336,7 @@ def create_app(options: Options, on_load_failure: Callable[[], None] = lambda: N
                                        "model": body.model, "choices": [], "usage": usage})}
         yield {"data": "[DONE]"}
 
-    async def _end_stream(pool: Pool, run: _Run, timer: _Timer) -> None:
+    async def _end_stream(pool: Pool[LlmSlot], run: _Run, timer: _Timer) -> None:
         timer.stop()
         await _close(pool, run.slot, run)
 
@@ -365,7 +374,7 @@ def create_app(options: Options, on_load_failure: Callable[[], None] = lambda: N
 
     @app.post("/v1/audio/transcriptions", dependencies=[Depends(authorize)])
     async def transcriptions(request: Request, file: UploadFile = File(...), model: str = Form(...),
-                             language: Optional[str] = Form(None),
+                             language: str | None = Form(None),
                              response_format: Literal["json", "text", "verbose_json"] = Form("json")) -> Response:
         pool = pool_of(whisper_pools, model, "Whisper")
         samples = await to_thread.run_sync(_decode, await file.read(), file.filename or "")
@@ -395,11 +404,11 @@ class _Events(EventSourceResponse):
     client that left, an error), the generation is cancelled and the handle
     goes back to the pool."""
 
-    def __init__(self, events: Any, cleanup: Callable[[], Any]):
+    def __init__(self, events: AsyncIterator[dict[str, str]], cleanup: Callable[[], Awaitable[None]]):
         super().__init__(events, ping=15, sep="\n")
         self._cleanup = cleanup
 
-    async def __call__(self, scope: Any, receive: Any, send: Any) -> None:
+    async def __call__(self, scope: Scope, receive: Receive, send: Send) -> None:
         try:
             await super().__call__(scope, receive, send)
         finally:
@@ -410,19 +419,21 @@ class _BodyLimit:
     """Refuses a declared body past the limit before reading it, with the
     API's error object (a body without a length is cut off by the framework)."""
 
-    def __init__(self, app: Any, limit: int):
+    def __init__(self, app: ASGIApp, limit: int):
         self.app, self.limit = app, limit
 
-    async def __call__(self, scope: Any, receive: Any, send: Any) -> None:
+    async def __call__(self, scope: Scope, receive: Receive, send: Send) -> None:
         if scope["type"] != "http":
-            return await self.app(scope, receive, send)
+            await self.app(scope, receive, send)
+            return
         length = dict(scope["headers"]).get(b"content-length", b"0")
         if length.isdigit() and int(length) > self.limit:
             error = ApiError(413, f"the request body is larger than {self.limit} bytes", code="request_too_large")
-            return await error.response()(scope, receive, send)
+            await error.response()(scope, receive, send)
+            return
         seen = 0
 
-        async def counted() -> Any:
+        async def counted() -> Message:
             nonlocal seen
             message = await receive()
             seen += len(message.get("body", b""))
@@ -444,9 +455,9 @@ class _WhisperSlot:
         self._languages = set(self.model.lang_to_id)
         # First use while loading, as for the LLM handles (see LlmSlot).
         self.model.transcribe(np.zeros(1600, np.float32))
-        self._language: Optional[str] = None
+        self._language: str | None = None
 
-    def transcribe(self, samples: Any, language: Optional[str]) -> str:
+    def transcribe(self, samples: Samples, language: str | None) -> str:
         token = None if not language else language if language.startswith("<|") else f"<|{language}|>"
         if token is not None and token not in self._languages:
             raise ApiError(400, f"language '{language}' is not one this model knows (ISO 639-1 codes such as 'en')",
@@ -460,7 +471,7 @@ class _WhisperSlot:
         return self.model.transcribe(samples).strip()
 
 
-def _decode(data: bytes, filename: str) -> Any:
+def _decode(data: bytes, filename: str) -> Samples:
     if not data:
         raise ApiError(400, "the audio file is empty", param="file", code="invalid_value")
     suffix = os.path.splitext(filename)[1]
@@ -496,7 +507,7 @@ def _answer(endpoint: str, model: str, text: str, usage: dict[str, int], reason:
             "choices": [choice], "usage": usage}
 
 
-def _chunk(endpoint: str, ident: str, created: int, model: str, piece: Optional[str], reason: Optional[str],
+def _chunk(endpoint: str, ident: str, created: int, model: str, piece: str | None, reason: str | None,
            first: bool = False) -> dict[str, str]:
     if endpoint == "chat":
         delta: dict[str, Any] = {} if piece is None else {"content": piece}

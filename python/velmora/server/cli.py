@@ -5,9 +5,8 @@ import argparse
 import logging
 import os
 import sys
-from typing import Optional
 
-from .. import DEFAULT_CONTEXT_LENGTH
+from .. import DEFAULT_CONTEXT_LENGTH, DEFAULT_DEVICE
 
 
 def _models(values: list[str], parser: argparse.ArgumentParser, option: str) -> dict[str, str]:
@@ -32,7 +31,7 @@ def parser() -> argparse.ArgumentParser:
                    help="a Whisper model to serve (repeatable)")
     p.add_argument("--host", default="127.0.0.1", help="address to listen on (default 127.0.0.1)")
     p.add_argument("--port", type=int, default=8000)
-    p.add_argument("--device", default="CPU", help="CPU, GPU or NPU")
+    p.add_argument("--device", default=DEFAULT_DEVICE, help=f"CPU, GPU or NPU (default {DEFAULT_DEVICE})")
     p.add_argument("--context", type=int, default=2048,
                    help="most tokens of prompt plus answer per request (default 2048)")
     p.add_argument("--max-tokens", type=int, default=DEFAULT_CONTEXT_LENGTH,
@@ -49,7 +48,7 @@ def parser() -> argparse.ArgumentParser:
     return p
 
 
-def main(argv: Optional[list[str]] = None) -> None:
+def main(argv: list[str] | None = None) -> None:
     args = list(sys.argv[1:] if argv is None else argv)
     if os.path.basename(sys.argv[0]) == "velmora" and argv is None:
         if not args or args[0] != "serve":

@@ -3,19 +3,25 @@ first piece, tokens, and how many requests wait for each model."""
 from __future__ import annotations
 
 import time
-from typing import Any, Callable
+from collections.abc import Callable, Iterator, Mapping
+from typing import Any
 
 from prometheus_client import CollectorRegistry, Counter, Histogram
-from prometheus_client.core import GaugeMetricFamily
+from prometheus_client.core import GaugeMetricFamily, Metric
+from starlette.types import ASGIApp, Message, Receive, Scope, Send
+
+from .pool import Pool
+
+Pools = Callable[[], Mapping[str, Pool[Any]]]
 
 _SECONDS = (0.05, 0.1, 0.25, 0.5, 1, 2.5, 5, 10, 30, 60, 120)
 
 
 class _Queues:
-    def __init__(self, pools: Callable[[], dict[str, Any]]):
+    def __init__(self, pools: Pools):
         self._pools = pools
 
-    def collect(self):
+    def collect(self) -> Iterator[Metric]:
         depth = GaugeMetricFamily("velmora_queue_depth", "Requests waiting for a free model handle",
                                   labels=["model"])
         for name, pool in self._pools().items():
@@ -24,7 +30,7 @@ class _Queues:
 
 
 class Metrics:
-    def __init__(self, registry: CollectorRegistry, pools: Callable[[], dict[str, Any]]):
+    def __init__(self, registry: CollectorRegistry, pools: Pools):
         self.requests = Counter("velmora_requests", "HTTP requests by endpoint and status",
                                 ["endpoint", "status"], registry=registry)
         self.latency = Histogram("velmora_request_seconds", "Time from request to the end of the response",
@@ -41,15 +47,16 @@ class Metrics:
             """Counts every response once it has been sent, under its route
             (not its raw path, which a caller could make endless)."""
 
-            def __init__(self, app: Any):
+            def __init__(self, app: ASGIApp):
                 self.app = app
 
-            async def __call__(self, scope: Any, receive: Any, send: Any) -> None:
+            async def __call__(self, scope: Scope, receive: Receive, send: Send) -> None:
                 if scope["type"] != "http":
-                    return await self.app(scope, receive, send)
+                    await self.app(scope, receive, send)
+                    return
                 begun, status = time.perf_counter(), [500]
 
-                async def sending(message: Any) -> None:
+                async def sending(message: Message) -> None:
                     if message["type"] == "http.response.start":
                         status[0] = message["status"]
                     await send(message)

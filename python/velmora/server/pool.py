@@ -6,23 +6,28 @@ from __future__ import annotations
 import asyncio
 import random
 from dataclasses import dataclass, field
-from typing import Any
+from typing import Generic, TypeVar
+
+from .. import LlmModel
+from ..config import Value
+
+Slot = TypeVar("Slot")
 
 
 class Busy(Exception):
     """Every handle is in use and the wait is full: answered 503 at once."""
 
 
-class Pool:
-    def __init__(self, handles: list[Any], queue_limit: int):
-        self._free: asyncio.Queue = asyncio.Queue()
+class Pool(Generic[Slot]):
+    def __init__(self, handles: list[Slot], queue_limit: int):
+        self._free: asyncio.Queue[Slot] = asyncio.Queue()
         for handle in handles:
             self._free.put_nowait(handle)
         self.handles = handles
         self.queue_limit = queue_limit
         self.waiting = 0
 
-    async def acquire(self) -> Any:
+    async def acquire(self) -> Slot:
         if self._free.empty() and self.waiting >= self.queue_limit:
             raise Busy
         self.waiting += 1
@@ -32,7 +37,7 @@ class Pool:
         finally:
             self.waiting -= 1
 
-    def release(self, handle: Any) -> None:
+    def release(self, handle: Slot) -> None:
         self._free.put_nowait(handle)
 
 
@@ -44,7 +49,7 @@ REQUEST_SETTINGS = ("max_new_tokens", "do_sample", "temperature", "top_p", "rng_
 
 @dataclass
 class LlmSlot:
-    model: Any
+    model: LlmModel
     defaults: dict[str, str] = field(default_factory=dict)
     default_stops: list[str] = field(default_factory=list)
 
@@ -56,7 +61,7 @@ class LlmSlot:
         self.defaults = {name: self.model.config.text(name) for name in REQUEST_SETTINGS}
         self.default_stops = self.model.stop_strings
 
-    def apply(self, settings: dict[str, Any], stops: list[str]) -> None:
+    def apply(self, settings: dict[str, Value], stops: list[str]) -> None:
         """Sets every request setting: `settings` by typed value (checked by
         the package, then by the library), the rest to the model's defaults.
         An unseeded sampling request gets a fresh seed, as callers expect."""

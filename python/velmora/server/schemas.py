@@ -3,7 +3,7 @@ number belongs is refused rather than converted. Fields the server does not
 use are ignored, as clients send many."""
 from __future__ import annotations
 
-from typing import Literal, Optional, Union
+from typing import Literal
 
 from pydantic import BaseModel, ConfigDict, Field, field_validator
 
@@ -19,7 +19,7 @@ class TextPart(_Body):
 
 class Message(_Body):
     role: Literal["system", "developer", "user", "assistant", "tool"]
-    content: Union[str, list[TextPart], None] = None
+    content: str | list[TextPart] | None = None
 
     def text(self) -> str:
         if isinstance(self.content, list):
@@ -33,16 +33,16 @@ class StreamOptions(_Body):
 
 class Sampling(_Body):
     model: str
-    max_tokens: Optional[int] = Field(None, ge=1)
-    temperature: Optional[float] = None
-    top_p: Optional[float] = None
-    seed: Optional[int] = None
-    stop: Union[str, list[str], None] = Field(None)
-    frequency_penalty: Optional[float] = None
-    presence_penalty: Optional[float] = None
+    max_tokens: int | None = Field(None, ge=1)
+    temperature: float | None = None
+    top_p: float | None = None
+    seed: int | None = None
+    stop: str | list[str] | None = Field(None)
+    frequency_penalty: float | None = None
+    presence_penalty: float | None = None
     n: int = 1
     stream: bool = False
-    stream_options: Optional[StreamOptions] = None
+    stream_options: StreamOptions | None = None
 
     @field_validator("n")
     @classmethod
@@ -53,7 +53,7 @@ class Sampling(_Body):
 
     @field_validator("stop")
     @classmethod
-    def _four_stops(cls, stop: Union[str, list[str], None]) -> Union[str, list[str], None]:
+    def _four_stops(cls, stop: str | list[str] | None) -> str | list[str] | None:
         if isinstance(stop, list) and len(stop) > 4:
             raise ValueError("at most 4 stop sequences")
         return stop
@@ -61,24 +61,24 @@ class Sampling(_Body):
     def stops(self) -> list[str]:
         return [self.stop] if isinstance(self.stop, str) else list(self.stop or [])
 
-    def token_limit(self) -> Optional[int]:
+    def token_limit(self) -> int | None:
         return self.max_tokens
 
 
 class ChatRequest(Sampling):
     messages: list[Message] = Field(min_length=1)
-    max_completion_tokens: Optional[int] = Field(None, ge=1)
+    max_completion_tokens: int | None = Field(None, ge=1)
 
-    def token_limit(self) -> Optional[int]:
+    def token_limit(self) -> int | None:
         return self.max_completion_tokens if self.max_completion_tokens is not None else self.max_tokens
 
 
 class CompletionRequest(Sampling):
-    prompt: Union[str, list[str]]
+    prompt: str | list[str]
 
     @field_validator("prompt")
     @classmethod
-    def _one_prompt(cls, prompt: Union[str, list[str]]) -> Union[str, list[str]]:
+    def _one_prompt(cls, prompt: str | list[str]) -> str | list[str]:
         if isinstance(prompt, list) and len(prompt) != 1:
             raise ValueError("give one prompt: a string or a list of one string")
         return prompt

@@ -30,11 +30,15 @@ static class Example
             {
                 Console.CancelKeyPress += (sender, e) => { e.Cancel = true; stop.Cancel(); };  // Ctrl-C ends the text
                 model.Settings["repetition_penalty"] = "1.1";
-                model.StopStrings = new[] { "\n" };
+                model.SetStopStrings(new[] { "\n" });
                 const string prompt = "Once upon a time";
                 Console.Write(prompt);
-                foreach (string piece in model.Stream(prompt, stop.Token))
-                    Console.Write(piece);
+                try
+                {
+                    foreach (string piece in model.Stream(prompt, stop.Token))
+                        Console.Write(piece);
+                }
+                catch (OperationCanceledException) { }  // Ctrl-C: what was printed stays
                 Console.WriteLine();
             }
             using (var whisper = new WhisperModel(args[1]))
