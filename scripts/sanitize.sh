@@ -31,7 +31,7 @@ for step in "${steps[@]}"; do
       ;;
     leak)
       cmake --preset asan >/dev/null
-      cmake --build --preset asan --target leak_cycle
+      cmake --build --preset asan --target workload
       scripts/leak.sh --lsan "${LEAK_CYCLES:-20}" || status=1
       ;;
     *)

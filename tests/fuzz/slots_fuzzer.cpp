@@ -1,13 +1,12 @@
 // libFuzzer target, built once per family (VELMORA_FUZZ_WHISPER picks the
-// Whisper one): the settings and list slots as linked into the library, fed a
-// sequence of calls with arbitrary bytes on one handle that has no pipeline
-// (these slots never touch it). Checks statuses, the one-message rule, that
-// out-parameters are written only on success, that a setter changes its own
-// member only and stores what the standard conversions make of the text, that
+// Whisper one): the settings and list slots as linked into the library, fed
+// calls with arbitrary bytes on one handle without a pipeline (these slots
+// never touch it). Checks statuses, the one-message rule, out-parameters
+// written only on success, that a setter changes its own member only and
+// stores what the standard conversions (the reference) make of the text, that
 // lists read back as set, and (through ASan) that every buffer goes back
-// through the release functions. The texts getters give for each kind are
-// pinned by the host tests' rows. The standard conversions are the
-// reference for the text conversions.
+// through the release functions. The getters' texts per kind are pinned by
+// the host tests' rows.
 #include <fuzzer/FuzzedDataProvider.h>
 #include <strings.h>
 
@@ -184,15 +183,10 @@ void SetAndGet(Model& model, const std::string& name, const std::string& value) 
 
     std::string text;
     const int32_t got = Get(model, name, text);
-    if (row == nullptr) {
+    if (row == nullptr)
         CHECK(got == 1 && text == "An error occurred getting property " + name + unknown);
-        return;
-    }
-    if (got != 0) {
-        // A criterion stored outside the enumeration has no name and no message.
-        CHECK(got == 1 && text.empty() && row->kind() == SettingKind::StopCriteria);
-        return;
-    }
+    else  // a criterion stored outside the enumeration has no name and no message
+        CHECK(got == 0 || (got == 1 && text.empty() && row->kind() == SettingKind::StopCriteria));
 }
 
 // Calls a getter of a list and hands each element to `check` before the

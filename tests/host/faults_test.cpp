@@ -7,6 +7,7 @@
 
 #include <climits>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -35,21 +36,6 @@ int32_t Stream(void* handle, const char* prompt) {
     return Llm().StreamModel(handle, const_cast<char*>(prompt), CountPiece);
 }
 
-// Drops file-system privileges on this thread only, so that permissions
-// apply also when the tests run as root.
-class WithoutPrivileges {
-public:
-    WithoutPrivileges() : root_(geteuid() == 0) {
-        if (root_) setfsuid(65534);
-    }
-    ~WithoutPrivileges() {
-        if (root_) setfsuid(0);
-    }
-
-private:
-    bool root_;
-};
-
 }  // namespace
 
 TEST(LlmFaults, AnUnreadableDirectoryIsReportedAsSuch) {
@@ -57,11 +43,11 @@ TEST(LlmFaults, AnUnreadableDirectoryIsReportedAsSuch) {
     const fs::path model = host::ModelVariant(dir, "tiny-llm");
     // A directory whose parent may not be searched cannot even be looked at.
     fs::permissions(dir.path(), fs::perms::none);
-    std::string message;
-    {
-        WithoutPrivileges unprivileged;
-        message = LlmInitError(model);
-    }
+    // Permissions apply to root too without its file-system privileges (this thread's only).
+    const bool root = geteuid() == 0;
+    if (root) setfsuid(65534);
+    const std::string message = LlmInitError(model);
+    if (root) setfsuid(0);
     EXPECT_EQ(message, "filesystem error: status: Permission denied [" + model.string() + "]");
     fs::permissions(dir.path(), fs::perms::owner_all);
     LlmModel readable(model, 8);
@@ -74,7 +60,7 @@ TEST(LlmFaults, AnUnreadableDirectoryIsReportedAsSuch) {
 // thread used to throw past its own frames and end the whole process.
 TEST(LlmFaults, AMissingTokenizerFailsEachUseAndNotTheProcess) {
     host::TempDir dir;
-    LlmModel noTokenizer(host::ModelVariant(dir, "tiny-llm", "{}", "tokenizer"), 8);
+    LlmModel noTokenizer(host::ModelVariant(dir, "tiny-llm", "tokenizer"), 8);
     std::string message;
     EXPECT_EQ(noTokenizer.Query("Hello", message), 4);
     EXPECT_TRUE(Contains(message, "An OpenVINO assertion occurred while querying the model: Check "));
@@ -85,8 +71,7 @@ TEST(LlmFaults, AMissingTokenizerFailsEachUseAndNotTheProcess) {
     EXPECT_EQ(status, 1);
     EXPECT_TRUE(Contains(text, "Tokenizer::encode is not available")) << text;
 
-    LlmModel noDetokenizer(
-        host::ModelVariant(dir, "tiny-llm", "{}", "detokenizer"), 8);
+    LlmModel noDetokenizer(host::ModelVariant(dir, "tiny-llm", "detokenizer"), 8);
     EXPECT_EQ(noDetokenizer.Query("Hello", message), 4);
     const std::string reason = "Detokenizer model has not been provided";
     EXPECT_TRUE(Contains(message, "An OpenVINO assertion occurred while querying the model: Check ")) << message;
@@ -126,18 +111,53 @@ TEST(LlmFaults, PromptsAndSettingsTheRuntimeCannotTakeLeaveTheHandleUsable) {
     EXPECT_EQ(result, expected);
 }
 
+// Settings are stored as given; the runtime judges them when a generation
+// starts: QueryModel says where by its status, StreamModel says 1 before any piece.
+TEST(LlmFaults, StoredSettingsTheRuntimeRejectsFailTheNextGeneration) {
+    LlmModel model(host::ModelDir("tiny-llm"), 4);
+    std::string result;
+    ASSERT_EQ(model.Set("num_beams", "2").first, 0);
+    ASSERT_EQ(model.Set("num_return_sequences", "3").first, 0);
+    EXPECT_EQ(model.Query("Hello", result), 2);
+    EXPECT_TRUE(host::StartsWith(result, "Failed to validate config: Check 'num_beams >= num_return_sequences' failed"))
+        << result;
+    auto [status, message] = Reported(Pair::A, [&] { return Stream(model.handle(), "Hello"); });
+    EXPECT_EQ(std::make_tuple(status, message, piecesSeen), std::make_tuple(1, result, 0));
+    ASSERT_EQ(model.Set("num_return_sequences", "1").first, 0);
+    ASSERT_EQ(model.Set("num_beams", "1").first, 0);
+    EXPECT_EQ(model.Query("Hello", result), 0) << result;
+
+    // The full 64-bit sizes reach the runtime: with ignore_eos it refuses
+    // exactly the largest size in both length settings.
+    ASSERT_EQ(model.Set("ignore_eos", "true").first, 0);
+    ASSERT_EQ(model.Set("max_length", "-1").first, 0);
+    ASSERT_EQ(model.Set("max_new_tokens", "-1").first, 0);
+    EXPECT_EQ(model.Query("Hello", result), 2);
+    EXPECT_TRUE(host::StartsWith(result, "Failed to validate config: Check '!ignore_eos || ")) << result;
+    ASSERT_EQ(model.Set("max_new_tokens", "2").first, 0);
+    EXPECT_EQ(model.Query("Hello", result), 0) << result;
+
+    // A stop string that is no text fails validation outside the runtime's
+    // assertions: QueryModel says 3 with its prefix, StreamModel 1 with the text alone.
+    const char* stop[] = {"\xff"};
+    ASSERT_EQ(Llm().SetStopStrings(model.handle(), stop, 1), 0);
+    EXPECT_EQ(model.Query("Hello", result), 3);
+    const std::string prefix = "Failure during config validation: ";
+    ASSERT_TRUE(host::StartsWith(result, prefix)) << result;
+    std::tie(status, message) = Reported(Pair::A, [&] { return Stream(model.handle(), "Hello"); });
+    EXPECT_EQ(std::make_tuple(status, message, piecesSeen), std::make_tuple(1, result.substr(prefix.size()), 0));
+}
+
 TEST(WhisperFaults, AMissingDetokenizerFailsEachTranscription) {
     host::TempDir dir;
 
     const std::vector<float> audio = host::Tone(16000);
     std::string result;
-    WhisperModel noDetokenizer(
-        host::ModelVariant(dir, "tiny-whisper", "{}", "detokenizer"), 4);
+    WhisperModel noDetokenizer(host::ModelVariant(dir, "tiny-whisper", "detokenizer"), 4);
     EXPECT_EQ(noDetokenizer.Transcribe(audio, result), 1);
     EXPECT_TRUE(Contains(result, "Detokenizer model has not been provided")) << result;
     // Transcription decodes only, so the tokenizer itself is not needed.
-    WhisperModel noTokenizer(
-        host::ModelVariant(dir, "tiny-whisper", "{}", "tokenizer"), 4);
+    WhisperModel noTokenizer(host::ModelVariant(dir, "tiny-whisper", "tokenizer"), 4);
     EXPECT_EQ(noTokenizer.Transcribe(audio, result), 0) << result;
 }
 

@@ -42,8 +42,8 @@ std::pair<int32_t, std::string> Reported(Pair pair, const std::function<int32_t(
 // message. Checks that a failure leaves the out-parameter untouched.
 std::pair<int32_t, std::string> TextOf(Pair pair, const std::function<int32_t(char**)>& call);
 
-// Sets every row, then reads each back as `text`: two names sharing a member
-// would show. The rows must name exactly the settings `names` holds.
+// Sets each row and reads it back as `text`; the rows must name exactly the
+// settings `names` holds.
 using GetSetting = int32_t (*)(void*, const char*, char**);
 using SetSetting = int32_t (*)(void*, const char*, const char*);
 struct Setting {
@@ -63,18 +63,15 @@ std::set<std::string> NamesOf(const Table& table) {
     return names;
 }
 
-// The one message of an InitModel that must fail: LLM through pair A, Whisper
-// through pair B. Checks the one log line and that the handle stays unwritten.
+// The one message of a failing InitModel (LLM through pair A, Whisper through
+// B), after its one log line; the handle stays unwritten.
 std::string LlmInitError(const std::filesystem::path& dir, int device = DEVICE_CPU, int contextLength = 8);
 std::string WhisperInitError(const std::filesystem::path& dir, int device = DEVICE_CPU);
 
 // Model directories made by tools/make_llm_fixtures.py.
 std::filesystem::path ModelDir(const std::string& name);
-// A copy of a model directory (model files linked, not copied) whose
-// generation_config.json gets `json` merged over it; `without` names a part
-// ("tokenizer", "detokenizer") whose openvino_<part>.xml/.bin are left out.
-std::filesystem::path ModelVariant(const TempDir& dir, const std::string& model, const std::string& json = "{}",
-                                   const std::string& without = "");
+// A linked copy of a model directory, without openvino_<without>.xml/.bin.
+std::filesystem::path ModelVariant(const TempDir& dir, const std::string& model, const std::string& without = "");
 
 bool StartsWith(const std::string& text, const std::string& prefix);
 bool Contains(const std::string& text, const std::string& part);
@@ -94,9 +91,8 @@ public:
     LlmModel& operator=(const LlmModel&) = delete;
     void* handle() const { return handle_; }
 
-    // QueryModel's status; `result` gets the text or the one error message.
+    // The status, with the text or the one message in `result`.
     int32_t Query(const char* prompt, std::string& result);
-    // SetConfigProperty's status and message.
     std::pair<int32_t, std::string> Set(const char* name, const char* value);
 
 private:
@@ -113,9 +109,7 @@ public:
     WhisperModel& operator=(const WhisperModel&) = delete;
     void* handle() const { return handle_; }
 
-    // Checks that the setting is taken without a word.
-    void Set(const char* name, const std::string& value);
-    // QueryModel's status, with the text or the one message in `result`.
+    void Set(const char* name, const std::string& value);  // must be taken without a word
     int32_t Transcribe(const float* samples, int32_t count, std::string& result);
     int32_t Transcribe(const std::vector<float>& samples, std::string& result) {
         return Transcribe(samples.data(), static_cast<int32_t>(samples.size()), result);

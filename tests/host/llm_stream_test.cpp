@@ -5,7 +5,6 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <cstdio>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -125,14 +124,11 @@ TEST(LlmStream, CancelsFromOtherThreadsStopItAtOnceAndAreForgotten) {
     const size_t holdAt = 6;
     ASSERT_GT(seen.pieces.size(), 4 * holdAt);
 
-    // Cancels racing the whole stream from two threads until it ends.
+    // Cancels racing the whole stream from two threads until it ends; none
+    // outlives it.
     std::atomic<bool> streaming{true};
-    std::atomic<int> calls{0};
     auto hammer = [&] {
-        while (streaming) {
-            EXPECT_EQ(Llm().CancelModel(handle), 0);
-            ++calls;
-        }
+        while (streaming) EXPECT_EQ(Llm().CancelModel(handle), 0);
     };
     Expect();
     std::thread c1(hammer), c2(hammer);
@@ -141,16 +137,15 @@ TEST(LlmStream, CancelsFromOtherThreadsStopItAtOnceAndAreForgotten) {
     c1.join();
     c2.join();
     EXPECT_TRUE(StartsWith(full, Joined()));
+    Expect();
+    ASSERT_EQ(Stream(handle), 0);
+    EXPECT_EQ(Joined(), full);
 
-    Clock::duration took{};
+    // Cancelled while held inside the host function: no further piece.
     Expect(0, holdAt);
     std::thread canceller([&] {
         WhenHeld([&] {
-            const auto cancel = Llm().CancelModel;  // looked up before timing
-            const Clock::time_point start = Clock::now();
-            EXPECT_EQ(cancel(handle), 0);
-            took = Clock::now() - start;
-            for (int i = 1; i < 1000; ++i) EXPECT_EQ(cancel(handle), 0);
+            for (int i = 0; i < 1000; ++i) EXPECT_EQ(Llm().CancelModel(handle), 0);
         });
     });
     EXPECT_EQ(Stream(handle), 0);
@@ -160,8 +155,6 @@ TEST(LlmStream, CancelsFromOtherThreadsStopItAtOnceAndAreForgotten) {
     EXPECT_TRUE(StartsWith(full, Joined()));
     EXPECT_FALSE(seen.overlapped);
     EXPECT_EQ(seen.afterReturn.load(), 0);
-    std::printf("CancelModel while the stream waited in the host: %lld ns; cancels racing one stream: %d\n",
-                static_cast<long long>(std::chrono::nanoseconds(took).count()), calls.load());
 }
 
 TEST(LlmStream, ACancelDuringAQueryReturnsTheTextSoFar) {
@@ -181,30 +174,4 @@ TEST(LlmStream, ACancelDuringAQueryReturnsTheTextSoFar) {
     EXPECT_LT(shortened.size(), full.size());
     // The last token may decode differently once cut off.
     EXPECT_TRUE(StartsWith(full, shortened.substr(0, shortened.size() - 4)));
-}
-
-TEST(LlmStream, SettingsTheRuntimeRejectsFailBeforeAnyPiece) {
-    host::TempDir dir;
-    LlmModel model(host::ModelVariant(dir, "tiny-llm", R"({"num_beams": 2, "num_return_sequences": 3})"), 6);
-    Expect();
-    auto [status, message] = host::Reported(host::Pair::A, [&] { return Stream(model.handle(), "Hello"); });
-    EXPECT_EQ(status, 1);
-    EXPECT_TRUE(seen.pieces.empty());
-    EXPECT_TRUE(StartsWith(message, "Failed to validate config: Check '")) << message;
-
-    // A stop string that is no text fails validation outside the runtime's
-    // assertions: QueryModel says 3 with its prefix, StreamModel 1 with the text alone.
-    LlmModel plain(host::ModelDir("tiny-llm"), 6);
-    const char* stop[] = {"\xff"};
-    ASSERT_EQ(Llm().SetStopStrings(plain.handle(), stop, 1), 0);
-    std::string queried;
-    EXPECT_EQ(plain.Query("Hello", queried), 3);
-    const std::string prefix = "Failure during config validation: ";
-    ASSERT_TRUE(StartsWith(queried, prefix)) << queried;
-    Expect();
-    std::tie(status, message) = host::Reported(host::Pair::A, [&] { return Stream(plain.handle(), "Hello"); });
-    EXPECT_EQ(status, 1);
-    EXPECT_TRUE(seen.pieces.empty());
-    EXPECT_EQ(message, queried.substr(prefix.size()));
-    std::printf("A stop string \"\\xff\": %s\n", queried.c_str());
 }

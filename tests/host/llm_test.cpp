@@ -108,32 +108,21 @@ TEST(LlmInit, NeedsAnErrorFunctionAndALaterInitRedirectsItsFamilyOnly) {
     EXPECT_EQ(Llm().DestroyModel(handle), 0);
 }
 
-TEST(LlmQuery, TheContextLengthAndMaxNewTokensBoundTheDeterministicText) {
-    std::string fromContext, three, six, again;
-    {
-        LlmModel bounded(host::ModelDir("tiny-llm"), 3);
-        ASSERT_EQ(bounded.Query("Once upon a time", fromContext), 0) << fromContext;
-    }
+// The context length is the default max_new_tokens (LlmSettings reads it back).
+TEST(LlmQuery, MaxNewTokensBoundsTheDeterministicTextWhichOutlivesItsHandle) {
     void* handle = nullptr;
-    ASSERT_EQ(Llm().InitModel(host::ModelDir("tiny-llm").c_str(), DEVICE_CPU, 512, &handle, &Callbacks(Pair::A)), 0);
-    ASSERT_EQ(Llm().SetConfigProperty(handle, "max_new_tokens", "3"), 0);
-    char* text = nullptr;
-    ASSERT_EQ(Llm().QueryModel(handle, "Once upon a time", &text), 0);
-    three = text;
+    ASSERT_EQ(Llm().InitModel(host::ModelDir("tiny-llm").c_str(), DEVICE_CPU, 3, &handle, &Callbacks(Pair::A)), 0);
+    char *three = nullptr, *six = nullptr;
+    ASSERT_EQ(Llm().QueryModel(handle, "Once upon a time", &three), 0);
     ASSERT_EQ(Llm().SetConfigProperty(handle, "max_new_tokens", "6"), 0);
-    char* longer = nullptr;
-    ASSERT_EQ(Llm().QueryModel(handle, "Once upon a time", &longer), 0);
+    ASSERT_EQ(Llm().QueryModel(handle, "Once upon a time", &six), 0);
     // The texts are terminated copies that outlive their handle.
     EXPECT_EQ(Llm().DestroyModel(handle), 0);
-    six = longer;
-    EXPECT_EQ(text, three);
-    EXPECT_EQ(Llm().FreeQueryResult(text), 0);
-    EXPECT_EQ(Llm().FreeQueryResult(longer), 0);
-    // The context length is the default number of new tokens.
-    EXPECT_EQ(three, fromContext);
-    EXPECT_FALSE(three.empty());
-    EXPECT_GT(six.size(), three.size());
+    EXPECT_GT(std::strlen(three), 0u);
+    EXPECT_GT(std::strlen(six), std::strlen(three));
     EXPECT_TRUE(StartsWith(six, three)) << three << " / " << six;
+    EXPECT_EQ(Llm().FreeQueryResult(three), 0);
+    EXPECT_EQ(Llm().FreeQueryResult(six), 0);
 }
 
 // Adding a setting to the table means adding its row here.
@@ -168,56 +157,15 @@ TEST(LlmSettings, EverySettingKeepsItsOwnValueInItsTextForm) {
                            host::NamesOf(velmora::llm::kSettings));
 }
 
-TEST(LlmSettings, UnknownNamesAndRefusedValuesStoreNothing) {
+// Names match exactly, and the list members have slots of their own. How
+// values convert and what a refused one leaves is the fuzzer's.
+TEST(LlmSettings, NamesMatchExactlyAndListsAreNoSettings) {
     LlmModel model(host::ModelDir("tiny-llm"), 512);
     for (const char* name : {"MAX_NEW_TOKENS", " max_new_tokens", "", "apply_chat_template", "stop_strings"}) {
         const std::string quoted = std::string("property ") + name + ". Property name not supported.";
         EXPECT_EQ(model.Set(name, "7"), std::make_pair(1, "An error occurred setting " + quoted));
         EXPECT_EQ(Get(model.handle(), name), std::make_pair(1, "An error occurred getting " + quoted));
     }
-    struct Case {
-        const char* name;
-        const char* value;
-        const char* reason;
-    } cases[] = {
-        {"max_new_tokens", "abc", "invalid stoi argument"},
-        {"eos_token_id", "2147483648", "stol argument out of range"},
-        {"temperature", "1e39", "stof argument out of range"},
-    };
-    for (const Case& c : cases) {
-        const auto before = Get(model.handle(), c.name);
-        EXPECT_EQ(model.Set(c.name, c.value),
-                  std::make_pair(1, std::string("An error occurred setting property ") + c.name + " with value " +
-                                        c.value + ": " + c.reason));
-        EXPECT_EQ(Get(model.handle(), c.name), before) << c.name;
-    }
-    // An unknown stop criterion fails without a word.
-    const auto criterion = Get(model.handle(), "stop_criteria");
-    EXPECT_EQ(model.Set("stop_criteria", "never"), std::make_pair(1, std::string()));
-    EXPECT_EQ(Get(model.handle(), "stop_criteria"), criterion);
-}
-
-TEST(LlmSettings, StoredCombinationsTheRuntimeRejectsFailTheNextQuery) {
-    LlmModel model(host::ModelDir("tiny-llm"), 4);
-    std::string result;
-    ASSERT_EQ(model.Set("num_beams", "2").first, 0);
-    ASSERT_EQ(model.Set("num_return_sequences", "3").first, 0);
-    EXPECT_EQ(model.Query("Hello", result), 2);
-    EXPECT_TRUE(StartsWith(result, "Failed to validate config: Check 'num_beams >= num_return_sequences' failed"))
-        << result;
-    ASSERT_EQ(model.Set("num_return_sequences", "1").first, 0);
-    ASSERT_EQ(model.Set("num_beams", "1").first, 0);
-    EXPECT_EQ(model.Query("Hello", result), 0) << result;
-
-    // The full 64-bit sizes reach the runtime: with ignore_eos it refuses
-    // exactly the largest size in both length settings.
-    ASSERT_EQ(model.Set("ignore_eos", "true").first, 0);
-    ASSERT_EQ(model.Set("max_length", "-1").first, 0);
-    ASSERT_EQ(model.Set("max_new_tokens", "-1").first, 0);
-    EXPECT_EQ(model.Query("Hello", result), 2);
-    EXPECT_TRUE(StartsWith(result, "Failed to validate config: Check '!ignore_eos || ")) << result;
-    ASSERT_EQ(model.Set("max_new_tokens", "2").first, 0);
-    EXPECT_EQ(model.Query("Hello", result), 0) << result;
 }
 
 TEST(LlmStopLists, AStopStringOrTokenFromTheOutputEndsGenerationThere) {

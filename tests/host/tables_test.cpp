@@ -45,45 +45,34 @@ TEST(Tables, EverySlotWithAHandleRefusesANullOneWithItsOwnMessage) {
     LangIdPair* pairs = host::Untouched<LangIdPair>();
     size_t count = 7;
     float sample = 0;
-    const struct {
-        std::function<int32_t()> call;
-        const char* message;
-    } cases[] = {
-        {[&] { return Llm().QueryModel(nullptr, "p", &text); }, "Model handle is null when querying model"},
-        {[&] { return Llm().StreamModel(nullptr, (char*)"p", [](char*) { return 0; }); },
-         "Model handle is null when streaming model"},
-        {[&] { return Llm().SetConfigProperty(nullptr, "top_k", "1"); },
-         "Model handle is null when setting config property"},
-        {[&] { return Llm().GetConfigProperty(nullptr, "top_k", &text); },
-         "Model handle is null when getting config property"},
-        {[&] { return Llm().SetStopStrings(nullptr, nullptr, 0); }, "Model handle is null when setting stop strings"},
-        {[&] { return Llm().GetStopStrings(nullptr, &strings, &count); },
-         "Model handle is null when getting stop strings"},
-        {[&] { return Llm().SetStopTokens(nullptr, nullptr, 0); }, "Model handle is null when setting stop tokens"},
-        {[&] { return Llm().GetStopTokens(nullptr, &ids, &count); }, "Model handle is null when getting stop tokens"},
-        {[&] { return Llm().Tokenize(nullptr, "t", &ids, &count); }, "Model handle is null when tokenizing"},
-        {[&] { return Llm().CancelModel(nullptr); }, "Model handle is null when canceling"},
-        {[&] { return Whisper().QueryModel(nullptr, &sample, 1, &text); }, "Model handle is null when querying model"},
-        {[&] { return Whisper().SetConfigProperty(nullptr, "task", "x"); },
-         "Model handle is null when setting config property"},
-        {[&] { return Whisper().GetConfigProperty(nullptr, "task", &text); },
-         "Model handle is null when getting config property"},
-        {[&] { return Whisper().GetLangToId(nullptr, &pairs, &count); }, "Model handle is null when getting lang_to_id"},
-        {[&] { return Whisper().SetLangToId(nullptr, nullptr, 0); }, "Model handle is null when setting lang_to_id"},
-        {[&] { return Whisper().GetBeginSuppressTokens(nullptr, &ids, &count); },
-         "Model handle is null when getting begin_suppress_tokens"},
-        {[&] { return Whisper().SetBeginSuppressTokens(nullptr, nullptr, 0); },
-         "Model handle is null when setting begin_suppress_tokens"},
-        {[&] { return Whisper().GetSuppressTokens(nullptr, &ids, &count); },
-         "Model handle is null when getting suppress_tokens"},
-        {[&] { return Whisper().SetSuppressTokens(nullptr, nullptr, 0); },
-         "Model handle is null when setting suppress_tokens"},
-        {[&] { return Whisper().CancelModel(nullptr); }, "Model handle is null when canceling"},
+    // Each message is "Model handle is null when " and the slot's own words.
+    const std::pair<const char*, std::function<int32_t()>> cases[] = {
+        {"querying model", [&] { return Llm().QueryModel(nullptr, "p", &text); }},
+        {"streaming model", [&] { return Llm().StreamModel(nullptr, (char*)"p", [](char*) { return 0; }); }},
+        {"setting config property", [&] { return Llm().SetConfigProperty(nullptr, "top_k", "1"); }},
+        {"getting config property", [&] { return Llm().GetConfigProperty(nullptr, "top_k", &text); }},
+        {"setting stop strings", [&] { return Llm().SetStopStrings(nullptr, nullptr, 0); }},
+        {"getting stop strings", [&] { return Llm().GetStopStrings(nullptr, &strings, &count); }},
+        {"setting stop tokens", [&] { return Llm().SetStopTokens(nullptr, nullptr, 0); }},
+        {"getting stop tokens", [&] { return Llm().GetStopTokens(nullptr, &ids, &count); }},
+        {"tokenizing", [&] { return Llm().Tokenize(nullptr, "t", &ids, &count); }},
+        {"canceling", [&] { return Llm().CancelModel(nullptr); }},
+        {"querying model", [&] { return Whisper().QueryModel(nullptr, &sample, 1, &text); }},
+        {"setting config property", [&] { return Whisper().SetConfigProperty(nullptr, "task", "x"); }},
+        {"getting config property", [&] { return Whisper().GetConfigProperty(nullptr, "task", &text); }},
+        {"getting lang_to_id", [&] { return Whisper().GetLangToId(nullptr, &pairs, &count); }},
+        {"setting lang_to_id", [&] { return Whisper().SetLangToId(nullptr, nullptr, 0); }},
+        {"getting begin_suppress_tokens", [&] { return Whisper().GetBeginSuppressTokens(nullptr, &ids, &count); }},
+        {"setting begin_suppress_tokens", [&] { return Whisper().SetBeginSuppressTokens(nullptr, nullptr, 0); }},
+        {"getting suppress_tokens", [&] { return Whisper().GetSuppressTokens(nullptr, &ids, &count); }},
+        {"setting suppress_tokens", [&] { return Whisper().SetSuppressTokens(nullptr, nullptr, 0); }},
+        {"canceling", [&] { return Whisper().CancelModel(nullptr); }},
     };
-    for (const auto& c : cases) {
+    for (const auto& [words, call] : cases) {
+        const std::string message = std::string("Model handle is null when ") + words;
         host::ClearInboxes();
-        EXPECT_EQ(c.call(), 1) << c.message;
-        EXPECT_EQ(host::InboxOf(host::Pair::A).errors, std::vector<std::string>{c.message});
+        EXPECT_EQ(call(), 1) << message;
+        EXPECT_EQ(host::InboxOf(host::Pair::A).errors, std::vector<std::string>{message});
     }
     EXPECT_EQ(text, host::Untouched<char>());
     EXPECT_EQ(strings, host::Untouched<char*>());

@@ -41,10 +41,6 @@ TEST(WhisperQuery, StoredSettingsAreJudgedByTheNextTranscription) {
     model.Set("task", "transcribe");
     EXPECT_EQ(model.Transcribe(host::Tone(16000), message), 0) << message;
     EXPECT_FALSE(message.empty());
-    // One text per transcription, also with timestamps.
-    model.Set("return_timestamps", "true");
-    EXPECT_EQ(model.Transcribe(host::Tone(16000), message), 0) << message;
-    EXPECT_EQ(message.find("<|"), std::string::npos) << message;
 }
 
 // Adding a setting to the table means adding its row here.
@@ -77,18 +73,9 @@ TEST(WhisperSettings, RoundTripsAndMessages) {
     host::ExpectRoundTrips(Pair::B, Whisper().SetConfigProperty, Whisper().GetConfigProperty, model.handle(), rows,
                            host::NamesOf(velmora::whisper::kSettings));
 
-    const std::pair<std::pair<const char*, const char*>, const char*> refusals[] = {
-        {{"decoder_start_token_id", "abc"},
-         "An error occurred setting property decoder_start_token_id with value abc: invalid stol argument"},
-        {{"temperature", "1"}, "An error occurred setting property temperature. Property name not supported."},
-        {{"stop_criteria", "1"}, "An error occurred setting property stop_criteria. Property name not supported."},
-        {{"lang_to_id", "en"}, "An error occurred setting property lang_to_id. Property name not supported."},
-    };
-    for (const auto& [setting, message] : refusals) {
-        EXPECT_EQ(Reported(Pair::B,
-                           [&] { return Whisper().SetConfigProperty(model.handle(), setting.first, setting.second); }),
-                  std::make_pair(1, std::string(message)));
-    }
+    // Lists have slots of their own.
+    EXPECT_EQ(Reported(Pair::B, [&] { return Whisper().SetConfigProperty(model.handle(), "lang_to_id", "en"); }),
+              std::make_pair(1, std::string("An error occurred setting property lang_to_id. Property name not supported.")));
 }
 
 // How the lists behave is the fuzzer's; here they come from the model and go to the runtime.
@@ -127,13 +114,18 @@ TEST(WhisperSpeech, TranscribesASpokenSentence) {
     in.read(reinterpret_cast<char*>(samples.data()), samples.size() * sizeof(float));
     ASSERT_GT(samples.size(), 16000u);
 
+    // One plain text per transcription, also with timestamps (the random
+    // model never emits one, and with them it ignores max_new_tokens).
     WhisperModel model(host::ModelDir("whisper-base"));
-    std::string text;
-    ASSERT_EQ(model.Transcribe(samples, text), 0) << text;
-    for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    int heard = 0;
-    for (const char* word : {"please", "call", "stella", "ask", "bring", "things"}) {
-        heard += text.find(word) != std::string::npos;
+    for (const char* timestamps : {"false", "true"}) {
+        model.Set("return_timestamps", timestamps);
+        std::string text;
+        ASSERT_EQ(model.Transcribe(samples, text), 0) << text;
+        for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        int heard = 0;
+        for (const char* word : {"please", "call", "stella", "ask", "bring", "things"})
+            heard += text.find(word) != std::string::npos;
+        EXPECT_GE(heard, 5) << text;
+        EXPECT_EQ(text.find("<|"), std::string::npos) << text;
     }
-    EXPECT_GE(heard, 5) << text;
 }

@@ -17,6 +17,7 @@
 #include <cstring>
 #include <functional>
 #include <map>
+#include <set>
 #include <new>
 #include <string>
 #include <type_traits>
@@ -126,44 +127,51 @@ void OnError(const char* message) {
 }
 const HostCallbacks callbacks{OnLog, OnError};
 
-// Counts only the slot call itself, not the checks around it.
-template <class Call>
-int32_t Counted(Call&& call) {
-    counting = true;
-    const int32_t status = call();
-    counting = false;
-    return status;
-}
-
-// A counted call of a slot that writes `T` (and a count, for the slots that
-// take one): released on success, left unwritten on failure.
-template <class T, class Call, class Release>
-std::function<int32_t()> Writing(Call call, Release release) {
-    return [=] {
-        T out = Untouched<std::remove_pointer_t<T>>();
-        size_t count = 9;
-        const int32_t status = Counted([&] { return call(&out, &count); });
-        if (status == 0) release(out, count);
-        else EXPECT_TRUE(out == Untouched<std::remove_pointer_t<T>>() && count == 9);
-        return status;
-    };
-}
-
+// The documented failures of a slot, status and message; a fault must end in one.
+using Failures = std::vector<std::pair<int32_t, std::string>>;
+const Failures kBare{{1, "std::bad_alloc"}};
 using State = std::map<std::string, std::string>;
 
 struct Slot {
     std::string name;
-    // One call: on success it releases what it received, on failure it checks
-    // that no out-parameter was written.
+    // One counted call: on success it releases what it received, on failure
+    // it checks that no out-parameter was written.
     std::function<int32_t()> call;
-    // The documented failures, status and message; a fault must end in one.
-    std::vector<std::pair<int32_t, std::string>> failures;
+    Failures failures = kBare;
     // Puts back what a successful call changed.
     std::function<void()> undo = [] {};
     // Whether each fault is followed by a call that must work; InitModel
     // needs none, the next fault's call is one.
     bool rerun = true;
 };
+
+int32_t Counted(const std::function<int32_t()>& call) {
+    counting = true;
+    const int32_t status = call();
+    counting = false;
+    return status;
+}
+
+// A setter, with the call that puts back what it replaced.
+Slot Setter(const std::string& name, std::function<int32_t()> set, std::function<int32_t()> back,
+            const Failures& failures = kBare) {
+    return {name, [=] { return Counted(set); }, failures, [=] { ASSERT_EQ(back(), 0); }};
+}
+
+// A slot that writes a T (and a count, for those that take one).
+template <class T>
+Slot Getter(const std::string& name, std::function<int32_t(T*, size_t*)> get, std::function<void(T, size_t)> release,
+            const Failures& failures = kBare, bool rerun = true) {
+    const auto call = [=] {
+        T out = Untouched<std::remove_pointer_t<T>>();
+        size_t count = 9;
+        const int32_t status = Counted([&] { return get(&out, &count); });
+        if (status == 0) release(out, count);
+        else EXPECT_TRUE(out == Untouched<std::remove_pointer_t<T>>() && count == 9);
+        return status;
+    };
+    return {name, call, failures, [] {}, rerun};
+}
 
 // Fails each allocation of `slot` in turn; returns how many there were.
 long FailEach(const Slot& slot, const std::function<State()>& state) {
@@ -183,8 +191,6 @@ long FailEach(const Slot& slot, const std::function<State()>& state) {
         slot.undo();
     }
     const long total = seen;  // 0: a slot that cannot fail here
-    std::printf("[ points   ] %s: %ld\n", slot.name.c_str(), total);
-    std::fflush(stdout);
     for (long at = 1; at <= total; ++at) {
         SCOPED_TRACE("allocation " + std::to_string(at) + " of " + std::to_string(total));
         const int32_t status = run(at);
@@ -202,7 +208,13 @@ long FailEach(const Slot& slot, const std::function<State()>& state) {
     return total;
 }
 
-// Every setting by name and every list, as text.
+long FailAll(const std::vector<Slot>& slots, const std::function<State()>& state) {
+    long points = 0;
+    for (const Slot& slot : slots) points += FailEach(slot, state);
+    return points;
+}
+
+// Every setting by name, as text.
 template <class Table, class Api>
 State SettingsOf(const Table& table, const Api& api, void* handle) {
     State state;
@@ -235,30 +247,31 @@ const char* OtherValue(velmora::SettingKind kind) {
     }
 }
 
-// Set and get of every setting reachable by name.
+// Set and get of one setting of each kind, the one with the longest text:
+// the slots' work differs by kind and by length, not by name.
 template <class Table, class Api>
-long FailSettings(const Table& table, const Api& api, void* handle, const std::function<State()>& state) {
-    long points = 0;
-    const State before = state();
+std::vector<Slot> SettingSlots(const Table& table, const Api& api, void* handle, const State& before) {
+    std::map<velmora::SettingKind, std::string> longest;
     for (const auto& row : table) {
-        if (!row.byName) continue;
-        const std::string name = row.name, value = OtherValue(row.kind());
+        std::string& name = longest[row.kind()];
+        if (row.byName && (name.empty() || before.at(row.name).size() > before.at(name).size())) name = row.name;
+    }
+    std::vector<Slot> slots;
+    for (const auto& entry : longest) {
+        const std::string name = entry.second, value = OtherValue(entry.first);
+        if (name.empty()) continue;
         // The largest size reads back as itself but is written as -1.
         const std::string old = before.at(name) == std::to_string(SIZE_MAX) ? "-1" : before.at(name);
-        const std::string prefix = "An error occurred setting property " + name + " with value " + value + ": ";
-        points += FailEach({"set " + name,
-                            [=, &api] { return Counted([&] { return api.SetConfigProperty(handle, row.name, value.c_str()); }); },
-                            {{1, prefix + "std::bad_alloc"}},
-                            [=, &api] { ASSERT_EQ(api.SetConfigProperty(handle, row.name, old.c_str()), 0); }},
-                           state);
-        points += FailEach({"get " + name,
-                            Writing<char*>([=, &api](char** text,
-                                                     size_t*) { return api.GetConfigProperty(handle, row.name, text); },
-                                           [&api](char* text, size_t) { api.FreeConfigProperty(text); }),
-                            {{1, "An error occurred getting property " + name + ": std::bad_alloc"}}},
-                           state);
+        slots.push_back(Setter(
+            "set " + name, [=, &api] { return api.SetConfigProperty(handle, name.c_str(), value.c_str()); },
+            [=, &api] { return api.SetConfigProperty(handle, name.c_str(), old.c_str()); },
+            {{1, "An error occurred setting property " + name + " with value " + value + ": std::bad_alloc"}}));
+        slots.push_back(Getter<char*>(
+            "get " + name, [=, &api](char** text, size_t*) { return api.GetConfigProperty(handle, name.c_str(), text); },
+            [&api](char* text, size_t) { api.FreeConfigProperty(text); },
+            {{1, "An error occurred getting property " + name + ": std::bad_alloc"}}));
     }
-    return points;
+    return slots;
 }
 
 class AllocationFailures : public ::testing::Test {
@@ -288,15 +301,12 @@ TEST_F(AllocationFailures, LlmSlotsFailCleanlyAtEveryAllocation) {
     const auto& llm = Llm();
     void* h = nullptr;
     ASSERT_EQ(llm.InitModel(host::ModelDir("tiny-llm").c_str(), DEVICE_CPU, 3, &h, &callbacks), 0);
-    const char* const stops[] = {"ab", "cd"};
-    const char* const others[] = {"a much longer stop string than any short one", "x", "yz"};
-    char* eosText = nullptr;
-    ASSERT_EQ(llm.GetConfigProperty(h, "eos_token_id", &eosText), 0);
-    const int64_t eos = std::stoll(eosText);
-    llm.FreeConfigProperty(eosText);
+    const char* stops[] = {"ab", "cd"};
+    const char* others[] = {"a much longer stop string than any short one", "x", "yz"};
     // Both lists hold the end-of-text id, or no query would validate.
+    const int64_t eos = std::stoll(SettingsOf(velmora::llm::kSettings, llm, h).at("eos_token_id"));
     const int64_t ids[] = {eos, 4}, otherIds[] = {eos, 6, 7};
-    ASSERT_EQ(llm.SetStopStrings(h, const_cast<const char**>(stops), 2), 0);
+    ASSERT_EQ(llm.SetStopStrings(h, stops, 2), 0);
     ASSERT_EQ(llm.SetStopTokens(h, ids, 2), 0);
     const auto state = [&] {
         State s = SettingsOf(velmora::llm::kSettings, llm, h);
@@ -308,36 +318,24 @@ TEST_F(AllocationFailures, LlmSlotsFailCleanlyAtEveryAllocation) {
         s["stop_token_ids"] = Joined(host::Ids(llm.GetStopTokens, h));
         return s;
     };
-    const std::vector<std::pair<int32_t, std::string>> bare{{1, "std::bad_alloc"}};
-
-    points += FailSettings(velmora::llm::kSettings, llm, h, state);
-    points += FailEach({"SetStopStrings",
-                        [&] { return Counted([&] { return llm.SetStopStrings(h, const_cast<const char**>(others), 3); }); },
-                        bare, [&] { ASSERT_EQ(llm.SetStopStrings(h, const_cast<const char**>(stops), 2), 0); }},
-                       state);
-    points += FailEach({"GetStopStrings",
-                        Writing<char**>([&](char*** o, size_t* n) { return llm.GetStopStrings(h, o, n); },
-                                        llm.FreeStopStrings),
-                        bare},
-                       state);
-    points += FailEach({"SetStopTokens", [&] { return Counted([&] { return llm.SetStopTokens(h, otherIds, 3); }); },
-                        bare, [&] { ASSERT_EQ(llm.SetStopTokens(h, ids, 2), 0); }},
-                       state);
-    const auto getIds = [&](auto get) {
-        return Writing<int64_t*>(get, [&](int64_t* ids, size_t) { llm.FreeTokens(ids); });
-    };
-    points += FailEach({"GetStopTokens", getIds([&](int64_t** o, size_t* n) { return llm.GetStopTokens(h, o, n); }),
-                        bare},
-                       state);
-    points += FailEach(
-        {"Tokenize", getIds([&](int64_t** o, size_t* n) { return llm.Tokenize(h, "Once upon a time", o, n); }), bare},
-        state);
-    points += FailEach({"QueryModel",
-                        Writing<char*>([&](char** text, size_t*) { return llm.QueryModel(h, "Once upon", text); },
-                                       [&](char* text, size_t) { llm.FreeQueryResult(text); }),
-                        {{3, "Failure during config validation: std::bad_alloc"},
-                         {5, "An unknown error occurred while querying the model: std::bad_alloc"}}},
-                       state);
+    const auto freeIds = [&](int64_t* out, size_t) { llm.FreeTokens(out); };
+    std::vector<Slot> slots = SettingSlots(velmora::llm::kSettings, llm, h, state());
+    slots.insert(slots.end(), {
+        Setter("SetStopStrings", [&] { return llm.SetStopStrings(h, others, 3); },
+               [&] { return llm.SetStopStrings(h, stops, 2); }),
+        Getter<char**>("GetStopStrings", [&](char*** o, size_t* n) { return llm.GetStopStrings(h, o, n); },
+                       llm.FreeStopStrings),
+        Setter("SetStopTokens", [&] { return llm.SetStopTokens(h, otherIds, 3); },
+               [&] { return llm.SetStopTokens(h, ids, 2); }),
+        Getter<int64_t*>("GetStopTokens", [&](int64_t** o, size_t* n) { return llm.GetStopTokens(h, o, n); }, freeIds),
+        Getter<int64_t*>("Tokenize", [&](int64_t** o, size_t* n) { return llm.Tokenize(h, "Once upon a time", o, n); },
+                         freeIds),
+        Getter<char*>("QueryModel", [&](char** text, size_t*) { return llm.QueryModel(h, "Once upon", text); },
+                      [&](char* text, size_t) { llm.FreeQueryResult(text); },
+                      {{3, "Failure during config validation: std::bad_alloc"},
+                       {5, "An unknown error occurred while querying the model: std::bad_alloc"}}),
+    });
+    points = FailAll(slots, state);
     llm.DestroyModel(h);
 }
 
@@ -370,67 +368,49 @@ TEST_F(AllocationFailures, WhisperSlotsFailCleanlyAtEveryAllocation) {
         s["suppress_tokens"] = Joined(host::Ids(whisper.GetSuppressTokens, h));
         return s;
     };
-    const std::vector<std::pair<int32_t, std::string>> bare{{1, "std::bad_alloc"}};
-
-    points += FailSettings(velmora::whisper::kSettings, whisper, h, state);
-    points += FailEach({"SetLangToId", [&] { return Counted([&] { return whisper.SetLangToId(h, otherLanguages, 3); }); },
-                        {{1, "An error occurred setting lang_to_id"}},
-                        [&] { ASSERT_EQ(whisper.SetLangToId(h, languages, 2), 0); }},
-                       state);
-    points += FailEach({"GetLangToId",
-                        Writing<LangIdPair*>([&](LangIdPair** o, size_t* n) { return whisper.GetLangToId(h, o, n); },
-                                             [&](LangIdPair* pairs, size_t count) {
-                                                 for (size_t i = 0; i < count; ++i)
-                                                     whisper.FreeQueryResult(pairs[i].language);
-                                                 whisper.FreeLangToId(pairs);
-                                             }),
-                        {{1, "An error occurred getting lang_to_id"}}},
-                       state);
+    std::vector<Slot> slots = SettingSlots(velmora::whisper::kSettings, whisper, h, state());
+    slots.push_back(Setter("SetLangToId", [&] { return whisper.SetLangToId(h, otherLanguages, 3); },
+                           [&] { return whisper.SetLangToId(h, languages, 2); },
+                           {{1, "An error occurred setting lang_to_id"}}));
+    slots.push_back(Getter<LangIdPair*>(
+        "GetLangToId", [&](LangIdPair** o, size_t* n) { return whisper.GetLangToId(h, o, n); },
+        [&](LangIdPair* pairs, size_t count) {
+            for (size_t i = 0; i < count; ++i) whisper.FreeQueryResult(pairs[i].language);
+            whisper.FreeLangToId(pairs);
+        },
+        {{1, "An error occurred getting lang_to_id"}}));
     using Get = int32_t (*)(void*, int64_t**, size_t*);
     using Set = int32_t (*)(void*, const int64_t*, size_t);
     const std::pair<Get, Set> lists[] = {{whisper.GetBeginSuppressTokens, whisper.SetBeginSuppressTokens},
                                          {whisper.GetSuppressTokens, whisper.SetSuppressTokens}};
     for (const auto& [get, set] : lists) {
-        points += FailEach({"set tokens", [&, set = set] { return Counted([&] { return set(h, otherIds, 3); }); },
-                            bare, [&, set = set] { ASSERT_EQ(set(h, ids, 2), 0); }},
-                           state);
-        points += FailEach({"get tokens",
-                            Writing<int64_t*>([&, get = get](int64_t** o, size_t* n) { return get(h, o, n); },
-                                              [&](int64_t* ids, size_t) { whisper.FreeBeginSuppressTokens(ids); }),
-                            bare},
-                           state);
+        slots.push_back(Setter("set tokens", [&, set = set] { return set(h, otherIds, 3); },
+                               [&, set = set] { return set(h, ids, 2); }));
+        slots.push_back(Getter<int64_t*>("get tokens", [&, get = get](int64_t** o, size_t* n) { return get(h, o, n); },
+                                         [&](int64_t* out, size_t) { whisper.FreeSuppressTokens(out); }));
     }
+    points = FailAll(slots, state);
     whisper.DestroyModel(h);
 }
 
-// The argument and callback copies and the model object around the pipeline.
+// The argument and callback copies and the model object around the pipeline;
+// each call logs once, whatever happens after.
 TEST_F(AllocationFailures, InitModelOfEitherFamilyFailsCleanlyAtEveryAllocation) {
-    const auto& llm = Llm();
-    const auto& whisper = Whisper();
-    const std::vector<std::pair<int32_t, std::string>> bare{{1, "std::bad_alloc"}};
-    const auto nothing = [] { return State{}; };
-    // Each call logs once, whatever happens after.
-    const auto init = [&](auto call, auto destroy) {
-        return Writing<void*>(
-            [=](void** handle, size_t*) {
-                logs = 0;
-                const int32_t status = call(handle);
-                EXPECT_EQ(logs, 1);
-                return status;
-            },
-            [=](void* handle, size_t) { destroy(handle); });
-    };
     const std::string llmDir = host::ModelDir("tiny-llm").string(), whisperDir = host::ModelDir("tiny-whisper").string();
-    points += FailEach({"InitModel",
-                        init([&](void** o) { return llm.InitModel(llmDir.c_str(), DEVICE_CPU, 3, o, &callbacks); },
-                             llm.DestroyModel),
-                        bare, [] {}, false},
-                       nothing);
-    points += FailEach({"InitModel",
-                        init([&](void** o) { return whisper.InitModel(whisperDir.c_str(), DEVICE_CPU, o, &callbacks); },
-                             whisper.DestroyModel),
-                        bare, [] {}, false},
-                       nothing);
+    const std::function<int32_t(void**)> inits[] = {
+        [&](void** o) { return Llm().InitModel(llmDir.c_str(), DEVICE_CPU, 3, o, &callbacks); },
+        [&](void** o) { return Whisper().InitModel(whisperDir.c_str(), DEVICE_CPU, o, &callbacks); }};
+    const std::function<void(void*, size_t)> destroys[] = {[](void* h, size_t) { Llm().DestroyModel(h); },
+                                                           [](void* h, size_t) { Whisper().DestroyModel(h); }};
+    for (int family = 0; family < 2; ++family) {
+        const auto init = [&, family](void** handle, size_t*) {
+            logs = 0;
+            const int32_t status = inits[family](handle);
+            EXPECT_EQ(logs, 1);
+            return status;
+        };
+        points += FailEach(Getter<void*>("InitModel", init, destroys[family], kBare, false), [] { return State{}; });
+    }
 }
 
 }  // namespace

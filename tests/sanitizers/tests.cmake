@@ -5,16 +5,10 @@ set(supp ${CMAKE_CURRENT_LIST_DIR})
 # sanitizer runtimes refuse; this variable makes TBB load it without.
 set(tbb "TBB_ENABLE_SANITIZERS=1")
 # Every other test runs an uninstrumented program (an interpreter, the
-# command-line host, an installed or packaged copy) that would need the
-# sanitizer runtime preloaded: those are judged by the plain build.
+# command-line host, an installed copy): those are judged by the plain build.
 get_property(velmora_plain_tests DIRECTORY PROPERTY TESTS)
 
 if(VELMORA_SANITIZE STREQUAL "address")
-  # The Python host is an uninstrumented interpreter loading an instrumented
-  # library, and the installed example an uninstrumented program doing the
-  # same: each would need the ASan runtime preloaded, so they are left out.
-  # The command-line host is a host like the C ones: its own memory is not
-  # what these runs judge.
   list(REMOVE_ITEM velmora_plain_tests unit_tests c_host)
   set_tests_properties(${velmora_plain_tests} PROPERTIES DISABLED TRUE)
   set(ubsan "UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1")
@@ -29,14 +23,13 @@ if(VELMORA_SANITIZE STREQUAL "address")
   set_tests_properties(alloc_failures_asan PROPERTIES ENVIRONMENT
     "${tbb};ASAN_OPTIONS=${asan}:detect_leaks=1:fast_unwind_on_malloc=0;LSAN_OPTIONS=suppressions=${supp}/lsan.supp;${ubsan}")
   # Leaks of the host tests are judged by the leak cycle (scripts/leak.sh
-  # --lsan), which unwinds every allocation fully: with the fast unwinder the
-  # runtime's allocations lose the frames that name their library.
-  # Left out: real speech through the larger model, which takes the tiny
-  # model's path at many times the cost; the settings and list cases, whose
-  # slots the fuzzers drive under the same sanitizers; and the handles coming
-  # and going on several threads, which are TSan's: the runtime starts threads
-  # for every compiled model, and ASan's own thread registry faulted and then
-  # deadlocked reporting it, after a few hundred of them.
+  # --lsan), which unwinds fully: the fast unwinder loses the frames that name
+  # the runtime's libraries. Left out: real speech through the larger model
+  # (the tiny model's path at many times the cost); the settings and list
+  # cases, whose slots the fuzzers drive under the same sanitizers; and the
+  # handles coming and going on several threads, which are TSan's: the runtime
+  # starts threads for every compiled model, and ASan's own thread registry
+  # faulted and then deadlocked reporting it, after a few hundred of them.
   add_test(NAME host_tests_asan
     COMMAND host_tests --gtest_filter=-WhisperSpeech.*:WhisperLists.*:WhisperSettings.*:LlmSettings.*:Concurrency.*)
   set_tests_properties(host_tests_asan PROPERTIES TIMEOUT 900 ENVIRONMENT "${tbb};ASAN_OPTIONS=${asan}:detect_leaks=0;${ubsan}")

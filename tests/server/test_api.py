@@ -170,6 +170,4 @@ def test_disconnect_frees_the_handle(serve, models, stream):
         left = time.monotonic()
         answer = httpx.post(url + "/v1/completions", json={**body, "max_tokens": 1, "stream": False}, timeout=60)
         waited = time.monotonic() - left
-        assert answer.status_code == 200
-        print(f"next request answered {waited:.2f} s after the disconnect")
-        assert waited < 3  # the abandoned generation would run for minutes
+        assert answer.status_code == 200 and waited < 3  # the abandoned generation would run for minutes

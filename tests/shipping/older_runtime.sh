@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Runs older_runtime.py in a venv holding another release of the runtime, made
+# Runs refusals.py older in a venv holding another release of the runtime, made
 # once and kept under the build folder.
 #   older_runtime.sh VENV PYTHON LIBRARY MODEL_DIR
 set -euo pipefail
@@ -10,4 +10,4 @@ if ! "$venv/bin/python" -c "import openvino_genai" 2>/dev/null; then
   "$python" -m venv "$venv"
   "$venv/bin/pip" install -q --disable-pip-version-check "openvino-genai==2025.3.0.0"
 fi
-exec "$venv/bin/python" "$(dirname "$0")/older_runtime.py" "$@"
+exec "$venv/bin/python" "$(dirname "$0")/refusals.py" older "$@"

@@ -27,7 +27,7 @@ mkdir "$work/unpacked" && (cd "$work/unpacked" && unzip -q "$wheel")
 
 "$python" -m venv "$work/venv"
 "$work/venv/bin/pip" install -q --disable-pip-version-check "$wheel"
-"$other" "$source/tests/shipping/foreign_python.py" "$("$work/venv/bin/python" -c 'import velmora; print(velmora.find_library())')" \
+"$other" "$source/tests/shipping/refusals.py" foreign "$("$work/venv/bin/python" -c 'import velmora; print(velmora.find_library())')" \
   "$models/tiny-llm" "${tag:2:1}.${tag:3}" || fail "the $tag library did not refuse $other cleanly"
 espeak-ng --stdout "The quick brown fox jumps over the lazy dog." |
   sox -t wav - -r 16000 -c 1 -e float -b 32 -t raw "$work/speech.f32"
