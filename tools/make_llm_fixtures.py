@@ -50,7 +50,9 @@ TOKEN_TYPE_CONTROL = 3
 # the default model is tuned. Chosen by measurement (bench/peers.sh, 128 greedy
 # tokens, 2 threads, interleaved rounds; perplexity by bench/perplexity.py):
 SMOLLM2_OPTIONS = {
-    # RUNTIME_OPTIONS_NOTE
+    # An 8-bit KV cache: 1.06-1.11 times llama.cpp's tokens/s on the same GGUF
+    # on a quiet machine, against 0.9-1.0 without it; perplexity 27.555
+    # against 27.554 with a float16 cache, the same greedy text.
     "KV_CACHE_PRECISION": "u8",
 }
 Q4_1 = gguf.GGMLQuantizationType.Q4_1
