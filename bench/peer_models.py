@@ -5,6 +5,7 @@ same sources as the project's models, into build/peer-models/:
                       quantized tensor dequantized and quantized again), and
   smollm2-q8_0/       its IR, converted by the runtime as tools/make_llm_fixtures.py
                       converts the Q4_1 one, with the same runtime options;
+  smollm2-f16.gguf, smollm2-f16/   the same, dequantized to float16;
   whisper-base-ct2/   the Whisper base weights in the layout faster-whisper
                       loads: the packages ship them as its converter wrote them.
 
@@ -29,6 +30,9 @@ Q = gguf.GGMLQuantizationType
 HEADER_KEYS = ("GGUF.version", "GGUF.tensor_count", "GGUF.kv_count", "general.architecture", "general.file_type")
 
 
+FILE_TYPES = {Q.Q8_0: gguf.LlamaFileType.MOSTLY_Q8_0, Q.F16: gguf.LlamaFileType.MOSTLY_F16}
+
+
 def requantize(source: Path, target: Path, kind=Q.Q8_0) -> None:
     reader = gguf.GGUFReader(source)
     writer = gguf.GGUFWriter(target, reader.fields["general.architecture"].contents())
@@ -37,7 +41,7 @@ def requantize(source: Path, target: Path, kind=Q.Q8_0) -> None:
             continue
         vtype = field.types[0]
         writer.add_key_value(key, field.contents(), vtype, field.types[1] if vtype == gguf.GGUFValueType.ARRAY else None)
-    writer.add_file_type(gguf.LlamaFileType.MOSTLY_Q8_0)
+    writer.add_file_type(FILE_TYPES[kind])
     for tensor in reader.tensors:
         if tensor.tensor_type in (Q.F32, Q.F16):  # norms stay as they are
             writer.add_tensor(tensor.name, np.asarray(tensor.data), raw_dtype=tensor.tensor_type)
@@ -78,10 +82,19 @@ def main() -> int:
     q8_ir = OUT / "smollm2-q8_0"
     if fixtures.missing_files(q8_ir):
         fixtures.build(q8_ir, lambda path: shutil.copyfile(q8, path), fixtures.SMOLLM2_OPTIONS)
+    # The same values unquantized: tells the conversion's arithmetic from the engines' own.
+    f16 = OUT / "smollm2-f16.gguf"
+    if not f16.is_file():
+        requantize(q4, f16.with_suffix(".partial"), Q.F16)
+        f16.with_suffix(".partial").rename(f16)
+    f16_ir = OUT / "smollm2-f16"
+    if fixtures.missing_files(f16_ir):
+        fixtures.build(f16_ir, lambda path: shutil.copyfile(f16, path), fixtures.SMOLLM2_OPTIONS)
     ct2 = OUT / "whisper-base-ct2"
     if not (ct2 / "model.bin").is_file():
         whisper_ct2(ct2)
-    print(json.dumps({"q4_1_gguf": str(q4), "q8_0_gguf": str(q8), "q8_0_ir": str(q8_ir), "whisper_ct2": str(ct2)}))
+    print(json.dumps({"q4_1_gguf": str(q4), "q8_0_gguf": str(q8), "q8_0_ir": str(q8_ir),
+                      "f16_gguf": str(f16), "f16_ir": str(f16_ir), "whisper_ct2": str(ct2)}))
     return 0
 
 

@@ -44,11 +44,13 @@ def llama(path):
     def perplexity(path):
         # Teacher-forced one token at a time, as generation reads its cache.
         ids = model.tokenize(open(path, encoding="utf-8").read().encode())
+        vocab = model.n_vocab()
         model.reset()
         nll = 0.0
         for i in range(len(ids) - 1):
             model.eval([ids[i]])
-            logits = np.asarray(model.scores[i], np.float64)  # the row eval just wrote
+            # Straight from the context: without logits_all, eval keeps no rows in model.scores.
+            logits = np.ctypeslib.as_array(model._ctx.get_logits_ith(-1), shape=(vocab,)).astype(np.float64)
             top = logits.max()
             nll += top + math.log(np.exp(logits - top).sum()) - logits[ids[i + 1]]
         return {"tokens": len(ids), "nll": nll / (len(ids) - 1)}

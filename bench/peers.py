@@ -144,6 +144,9 @@ def whisper_round(a):
     clips = sorted(f for f in os.listdir(SPEECH) if f.endswith(".f32"))
     references = {c: open(os.path.join(SPEECH, c[:-4] + ".txt"), encoding="utf-8").read() for c in clips}
     engines = [Engine("library", [TURNS, "--library", LIBRARY, "--whisper", a.whisper_model])]
+    for extra in a.compare_whisper:
+        engines.append(Engine(f"library ({os.path.relpath(os.path.abspath(extra), ROOT)})",
+                              [TURNS, "--library", LIBRARY, "--whisper", os.path.abspath(extra)]))
     ct2 = os.path.join(ROOT, "build", "peer-models", "whisper-base-ct2")
     for compute in ("int8", "float32"):
         engines.append(Engine(f"faster-whisper {compute}", [PEERS, WORKER, "faster-whisper", ct2, compute]))
@@ -168,6 +171,7 @@ def whisper_round(a):
             "text_30s": R[0]["text"],
         }
     out["clips"] = clips
+    out["library_model"] = os.path.relpath(os.path.abspath(a.whisper_model), ROOT)
     return out
 
 
@@ -198,6 +202,8 @@ def main():
     parser.add_argument("--whisper-model", default=os.path.join(ROOT, "models", "whisper-base"))
     parser.add_argument("--compare", action="append", default=[], metavar="DIR",
                         help="also run the library on this IR of the Q4_1 GGUF against llama.cpp (repeatable)")
+    parser.add_argument("--compare-whisper", action="append", default=[], metavar="DIR",
+                        help="also run the library on this Whisper IR, in the same rounds (repeatable)")
     parser.add_argument("--only", choices=("llm", "whisper"),
                         help="run one half and keep the other from the last run's bench/out/peers.json")
     a = parser.parse_args()
@@ -211,7 +217,8 @@ def main():
     saved = os.path.join(OUT, "peers.json")
     if a.only != "whisper":
         result["llm"] = [llm_pair(a.llm_model, paths["q4_1_gguf"], a, "Q4_1", default=True),
-                         llm_pair(paths["q8_0_ir"], paths["q8_0_gguf"], a, "Q8_0")]
+                         llm_pair(paths["q8_0_ir"], paths["q8_0_gguf"], a, "Q8_0"),
+                         llm_pair(paths["f16_ir"], paths["f16_gguf"], a, "F16")]
         for extra in a.compare:
             result["llm"].append(llm_pair(os.path.abspath(extra), paths["q4_1_gguf"], a,
                                           f"Q4_1, {os.path.basename(extra)}"))

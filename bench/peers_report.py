@@ -90,7 +90,8 @@ def whisper(r):
     lines = ["## Whisper base: real-time factor against faster-whisper" + measured_in(r, "whisper"),
               "",
               "Speed on 30 s of synthetic speech (`bench/speech.sh`, espeak-ng), greedy, English, no timestamps. "
-              "The library runs `models/whisper-base` (float16 IR from `tools/make_whisper_base.py`); faster-whisper "
+              f"The library runs `{w.get('library_model', 'models/whisper-base')}` (the IR `tools/make_whisper_base.py` "
+              "writes); faster-whisper "
               "runs the same weights in the CTranslate2 layout they ship in, loaded as int8 or float32. "
               "Speed ratio: the engine's time ÷ the library's, so 2 means the library takes half the time. "
               f"Word error rate: mean over the {len(w['clips'])} clips of `bench/out/speech/` ({', '.join(w['clips'])}).",
