@@ -19,6 +19,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <cstring>
 #include <fstream>
 #include <mutex>
@@ -86,16 +87,21 @@ long ResidentKiB() {
 void Watchdog() {
     long seen = progress.load();
     auto since = Clock::now();
+    std::clock_t cpu = std::clock();
     for (;;) {
         std::this_thread::sleep_for(std::chrono::seconds(1));
         if (const long now = progress.load(); now != seen) {
             seen = now;
             since = Clock::now();
+            cpu = std::clock();
         } else if (Clock::now() - since > std::chrono::seconds(stallSeconds)) {
-            std::fprintf(stderr, "workload: no slot returned for %d s, inside %s\n", stallSeconds, current.load());
+            // CPU time and thread states tell a wedge (no CPU, all asleep) from a starved process (runnable threads).
+            std::fprintf(stderr, "workload: no slot returned for %d s, inside %s; %.1f s of CPU meanwhile\n",
+                         stallSeconds, current.load(), double(std::clock() - cpu) / CLOCKS_PER_SEC);
             std::fflush(stderr);
-            const std::string dump =
-                "gdb -p " + std::to_string(getpid()) + " -batch -ex 'thread apply all bt' >&2 2>/dev/null";
+            const std::string pid = std::to_string(getpid());
+            const std::string dump = "cat /proc/loadavg >&2; ps -L -o tid,stat,time -p " + pid + " >&2; gdb -p " + pid +
+                                     " -batch -ex 'thread apply all bt' >&2 2>/dev/null";
             if (std::system("command -v gdb >/dev/null") == 0 && std::system(dump.c_str()) != 0)
                 std::fprintf(stderr, "workload: gdb could not attach\n");
             std::_Exit(3);
