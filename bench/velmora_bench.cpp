@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "json_text.h"
+#include "raw_samples.h"
 #include "openvino_bindings.h"
 
 namespace {
@@ -80,14 +81,6 @@ struct Options {
     int tokens = 128, reps = 2, shortReps = 10;
     double microScale = 1.0;
 };
-
-std::vector<float> ReadSamples(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::vector<char> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    std::vector<float> samples(bytes.size() / sizeof(float));
-    std::memcpy(samples.data(), bytes.data(), samples.size() * sizeof(float));
-    return samples;
-}
 
 }  // namespace
 

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "json_text.h"
+#include "raw_samples.h"
 #include "openvino_bindings.h"
 
 namespace {
@@ -45,14 +46,6 @@ int OnPiece(char* piece) {
     if (pieces++ == 0) firstPiece = Clock::now();
     streamed += piece;
     return 0;
-}
-
-std::vector<float> ReadSamples(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::vector<char> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    std::vector<float> samples(bytes.size() / sizeof(float));
-    std::memcpy(samples.data(), bytes.data(), samples.size() * sizeof(float));
-    return samples;
 }
 
 void Llm(const LlmApiBase* api, const std::string& model) {
