@@ -117,7 +117,6 @@ class Host(unittest.TestCase):
             self.assertIn("error: " + line, result.stderr)
         # Usage errors: found before any model loads, told in one line and a reminder.
         for args, line in [(["transcibe", "a.wav"], "unknown subcommand 'transcibe'; did you mean 'transcribe'?"),
-                           (["genrate"], "did you mean 'generate'?"),
                            (["--context", "0", PROMPT], "--context takes a number of tokens from 1"),
                            (["--set", "bogus=1", PROMPT], "--set bogus: no such LLM setting"),
                            (["--set", "temperature=warm", PROMPT], "temperature takes a number (invalid stof"),
