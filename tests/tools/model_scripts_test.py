@@ -88,7 +88,6 @@ class Q4_1Weights(unittest.TestCase):
             scale = np.asarray(multiply.input_value(1).get_node().data, np.float32).reshape(rows, groups, 1)
             for row in range(rows):
                 want, step = reference[q[row].tobytes() + scale[row].astype(np.float16).tobytes()]
-                # Within a hundredth of a quantization step of the GGUF's value.
                 worst = max(worst, float((np.abs((q[row] - zero[row]) * scale[row] - want) / step).max()))
             checked += 1
         self.assertEqual(checked, tensors)
