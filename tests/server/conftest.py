@@ -29,6 +29,18 @@ def free_port():
         return probe.getsockname()[1]
 
 
+def wait_healthy(url, process):
+    """Waits until `url` answers /health, failing if `process` ends first."""
+    deadline = time.monotonic() + 120
+    while True:
+        assert process.poll() is None, f"{process.args[0]} stopped while starting"
+        with contextlib.suppress(httpx.HTTPError):
+            if httpx.get(url + "/health").status_code == 200:
+                return
+        assert time.monotonic() < deadline, f"{url} did not get ready"
+        time.sleep(0.2)
+
+
 @pytest.fixture(scope="session")
 def serve(request):
     """Starts `python -m velmora.server ARGS` on a free loopback port, waits
@@ -43,14 +55,7 @@ def serve(request):
                                    env=dict(os.environ, PYTHONPATH=str(CHECKOUT / "python")))
         url = f"http://127.0.0.1:{port}"
         try:
-            deadline = time.monotonic() + 120
-            while True:
-                assert process.poll() is None, "the server stopped while loading"
-                with contextlib.suppress(httpx.HTTPError):
-                    if httpx.get(url + "/health").status_code == 200:
-                        break
-                assert time.monotonic() < deadline, "the server did not get ready"
-                time.sleep(0.2)
+            wait_healthy(url, process)
             yield url, process
         finally:
             process.terminate()

@@ -1,7 +1,6 @@
 """The server as deployed: two replicas behind nginx (with the configuration
 the examples document), and its page in a headless browser."""
 import concurrent.futures
-import contextlib
 import re
 import subprocess
 import tempfile
@@ -9,8 +8,7 @@ import time
 from pathlib import Path
 
 import httpx2 as httpx
-import pytest
-from conftest import CHECKOUT, free_port
+from conftest import CHECKOUT, free_port, wait_healthy
 
 
 def test_replicas_behind_nginx(serve, models):
@@ -26,11 +24,7 @@ def test_replicas_behind_nginx(serve, models):
         nginx = subprocess.Popen(["nginx", "-p", prefix, "-c", f"{prefix}/nginx.conf"])
         try:
             url = f"http://127.0.0.1:{front}"
-            for _ in range(100):  # nginx starts listening within moments
-                with contextlib.suppress(httpx.HTTPError):
-                    if httpx.get(url + "/health").status_code == 200:
-                        break
-                time.sleep(0.1)
+            wait_healthy(url, nginx)
 
             def ask(_):
                 return httpx.post(url + "/v1/completions", timeout=60,
