@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs the build, builds the C example against the installed package
-# (dlopen and linked) and a C# program against the installed Velmora.dll,
+# (dlopen and linked) and the binding's sample against the installed Velmora.dll,
 # checks pkg-config, then moves the prefix to a path with a space and runs the
 # C host, the C# program and the command-line host from there, both families,
 # with the checkout and the build's Python installation hidden behind empty
@@ -16,7 +16,8 @@ fail() { echo "FAILED: $*" >&2; exit 1; }
 cmake --install "$build" --prefix "$work/stage" >/dev/null
 cmake -S "$source/examples/stream" -B "$work/example" -G Ninja -DCMAKE_PREFIX_PATH="$work/stage" >/dev/null
 cmake --build "$work/example" >/dev/null
-mcs -nologo -warnaserror -r:"$work/stage/lib/Velmora.dll" -out:"$work/Consumer.exe" "$source/tests/shipping/Consumer.cs"
+mcs -nologo -warnaserror -r:"$work/stage/lib/Velmora.dll" -out:"$work/Example.exe" \
+  "$source/bindings/dotnet/samples/VelmoraConsole/Program.cs"
 [[ -s $work/stage/lib/Velmora.xml ]] || fail "the install carries no XML documentation"
 
 # The package's own files name the prefix they were installed to.
@@ -34,7 +35,6 @@ mv "$work/stage" "$prefix"
 mkdir "$work/models"
 cp -r "$models/tiny-llm" "$models/whisper-base" "$work/models/"
 espeak-ng -w "$work/speech.wav" "The quick brown fox jumps over the lazy dog."
-sox "$work/speech.wav" -r 16000 -c 1 -e float -b 32 -t raw "$work/speech.f32"
 
 unshare -m bash -euo pipefail -s "$work" "$prefix" "$source" "$python_prefix" <<'HIDDEN'
 work=$1 prefix=$2
@@ -46,16 +46,13 @@ library="$prefix/lib/Tarvik.Velmora.Framework.OpenVINOBindings.so"
 
 text=$("$work/example/velmora-stream" "$work/models/tiny-llm" "Once upon a time" "$library" 2>/dev/null)
 [[ ${#text} -ge 10 ]] || fail "the C host streamed '$text'"
-echo "C host: $text"
-# The installed assembly, found as mono finds any outside the program's folder, finds the library beside itself.
-text=$(MONO_PATH="$prefix/lib" mono "$work/Consumer.exe" "$work/models/tiny-llm" "$work/models/whisper-base" "$work/speech.f32")
-[[ $text == *"library: $library"* && ${text,,} == *"heard: "*fox* ]] || fail "the C# program printed '$text'"
-echo "C# program: $text"
+# The installed assembly, found as mono finds any outside the program's folder, finds the library beside itself
+# (the only one left: the build tree is in the hidden checkout).
+text=$(MONO_PATH="$prefix/lib" mono "$work/Example.exe" "$work/models/tiny-llm" "$work/models/whisper-base" "$work/speech.wav")
+[[ $(head -1 <<<"$text") == "Once upon a time"?* && ${text,,} == *"heard: "*fox* ]] || fail "the C# program printed '$text'"
 text=$("$prefix/bin/velmora-host" generate --stats --model "$work/models/tiny-llm" "Once upon a time")
 [[ ${#text} -ge 10 ]] || fail "velmora-host generated '$text'"
-echo "velmora-host generate: $text"
 text=$("$prefix/bin/velmora-host" transcribe --model "$work/models/whisper-base" "$work/speech.wav")
 [[ ${text,,} == *fox* ]] || fail "velmora-host transcribed '$text'"
-echo "velmora-host transcribe: $text"
 HIDDEN
 echo "moved install: passed"

@@ -2,10 +2,10 @@
 # The NuGet package scripts/package.sh made, consumed as a .NET project would:
 # unpacked where a restore puts it (Debian's Mono `nuget install` takes many
 # minutes over its five thousand files), a program compiled against the
-# package's lib/netstandard2.0/Velmora.dll, the package's linux-x64 native
-# assets copied beside it as a build for that runtime does, then run under mono
-# with the checkout and the build's Python installation hidden (a private
-# mount namespace; needs root).
+# package's lib/netstandard2.0/Velmora.dll (the binding's sample), its linux-x64
+# native assets copied beside it as a build for that runtime does, then run under
+# mono with the checkout (so the build tree too) and the build's Python hidden (a
+# private mount namespace; needs root): only the library beside it can load.
 #   nuget.sh PACKAGES_DIR SOURCE_DIR MODELS_DIR BUILD_PYTHON_PREFIX
 set -euo pipefail
 packages=$1 source=$(realpath "$2") models=$(realpath "$3") python_prefix=$(realpath "$4")
@@ -22,23 +22,20 @@ mkdir -p "$installed" && (cd "$installed" && unzip -q "${nupkg[0]}")
 grep -q "<version>$version</version>" "$installed/Velmora.nuspec" || fail "the nuspec does not carry $version"
 lib=${installed}lib/netstandard2.0
 grep -q '<member name="T:Velmora.LlmModel">' "$lib/Velmora.xml" || fail "no XML documentation in $lib"
-mcs -nologo -warnaserror -r:"$lib/Velmora.dll" -out:"$work/app/Consumer.exe" "$source/tests/shipping/Consumer.cs"
+mcs -nologo -warnaserror -r:"$lib/Velmora.dll" -out:"$work/app/Example.exe" "$source/bindings/dotnet/samples/VelmoraConsole/Program.cs"
 cp "$lib/Velmora.dll" "$lib/Velmora.xml" "$work/app/"
 cp -r "${installed}"runtimes/linux-x64/native/. "$work/app/"
-espeak-ng --stdout "The quick brown fox jumps over the lazy dog." |
-  sox -t wav - -r 16000 -c 1 -e float -b 32 -t raw "$work/speech.f32"
+espeak-ng -w "$work/speech.wav" "The quick brown fox jumps over the lazy dog."
 
 cd /
 output=$(unshare -m bash -euo pipefail -s "$work" "$models" "$source" "$python_prefix" <<'HIDDEN'
 work=$1
 mount --bind "$2" "$work/models"
 for hidden in "$3" "$4"; do mount -t tmpfs none "$hidden"; done
-mono "$work/app/Consumer.exe" "$work/models/tiny-llm" "$work/models/whisper-base" "$work/speech.f32"
+mono "$work/app/Example.exe" "$work/models/smollm2" "$work/models/whisper-base" "$work/speech.wav"
 HIDDEN
 ) || fail "the program failed: $output"
 echo "$output"
-[[ $output == *"library: $work/app/Tarvik.Velmora.Framework.OpenVINOBindings.so"* ]] ||
-  fail "the binding did not take the library beside Velmora.dll"
-[[ $(grep '^generated: ' <<<"$output" | wc -c) -ge 22 ]] || fail "too little text generated"
+grep -q '^Once upon a time.' <<<"$output" || fail "nothing generated"
 grep -qi '^heard: .*fox' <<<"$output" || fail "the speech was not heard"
 echo "nuget $(basename "$packages"/Velmora.*.nupkg): passed ($(du -h "$packages"/Velmora.*.nupkg | cut -f1))"
