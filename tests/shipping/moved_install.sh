@@ -55,4 +55,3 @@ text=$("$prefix/bin/velmora-host" generate --stats --model "$work/models/tiny-ll
 text=$("$prefix/bin/velmora-host" transcribe --model "$work/models/whisper-base" "$work/speech.wav")
 [[ ${text,,} == *fox* ]] || fail "velmora-host transcribed '$text'"
 HIDDEN
-echo "moved install: passed"

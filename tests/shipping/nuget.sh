@@ -35,7 +35,6 @@ for hidden in "$3" "$4"; do mount -t tmpfs none "$hidden"; done
 mono "$work/app/Example.exe" "$work/models/smollm2" "$work/models/whisper-base" "$work/speech.wav"
 HIDDEN
 ) || fail "the program failed: $output"
-echo "$output"
-grep -q '^Once upon a time.' <<<"$output" || fail "nothing generated"
-grep -qi '^heard: .*fox' <<<"$output" || fail "the speech was not heard"
+grep -q '^Once upon a time.' <<<"$output" || fail "nothing generated: $output"
+grep -qi '^heard: .*fox' <<<"$output" || fail "the speech was not heard: $output"
 echo "nuget $(basename "$packages"/Velmora.*.nupkg): passed ($(du -h "$packages"/Velmora.*.nupkg | cut -f1))"
