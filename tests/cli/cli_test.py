@@ -49,15 +49,13 @@ class Host(unittest.TestCase):
         self.assertTrue(result.stdout.startswith(PROMPT) and result.stdout.endswith("\n"), result.stdout)
         return result.stdout[len(PROMPT):-1]
 
-    def test_streams_with_statistics_and_settings_and_stop_lists_shorten_the_stream(self):
+    def test_streams_with_statistics_and_stop_lists_shorten_the_stream(self):
         result = tiny("--context", "40", "--stats", PROMPT)
         full = self.continuation(result)
         self.assertRegex(result.stderr, r"loading .*tiny-llm on CPU: done in [\d.]+ s")
         stats = re.search(r"stats: (\d+) tokens \(streamed pieces\) in [\d.]+ s, "
                           r"first piece after \d+ ms, [\d.]+ tokens/s", result.stderr)
         self.assertTrue(len(full) > 40 and stats and 20 <= int(stats.group(1)) <= 40, result)  # pieces may merge
-        short = self.continuation(tiny("--context", "40", "--set", "max_new_tokens=5", PROMPT))
-        self.assertTrue(full.startswith(short) and 0 < len(short) < len(full) / 3, (short, full))
         # A stop string from the middle ends the text just before; starting at
         # a blank, it starts a token too.
         word = " " + full.split(" ")[len(full.split(" ")) // 2]
