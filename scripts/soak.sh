@@ -4,8 +4,7 @@
 #   scripts/soak.sh [--llm-only] [SECONDS] [SEED]   default 120 s; an hour by hand: 3600
 # Fails on a wrong status, a generation that stops making progress (the
 # threads' stacks are printed) or memory that keeps growing after warm-up.
-# --llm-only leaves Whisper out: CI runs it so, as two minutes with Whisper end
-# before its memory settles (+40 MiB in 120 s, flat over an hour).
+# --llm-only leaves Whisper out.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 speech=build/soak-speech.f32

@@ -3,7 +3,7 @@
 # Then, unless VELMORA_SKIP_RELIABILITY=1, the reliability runs CI needs: the
 # library's tests under ASan+UBSan, the cancel and concurrency tests under
 # TSan, two leak cycles under LeakSanitizer (a leak shows in one), 20 s of
-# each fuzz target and two minutes of the LLM soak (scripts/soak.sh): about 12
+# each fuzz target and two minutes of the soak (scripts/soak.sh): about 17
 # minutes on two cores, mostly the two sanitizer builds and the soak.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -13,5 +13,5 @@ ctest --test-dir build --output-on-failure --timeout 1200 "$@"
 if [[ -z "${VELMORA_SKIP_RELIABILITY:-}" ]]; then
   LEAK_CYCLES=2 scripts/sanitize.sh asan tsan leak
   scripts/fuzz.sh 20
-  scripts/soak.sh --llm-only 120
+  scripts/soak.sh 120
 fi

@@ -273,20 +273,30 @@ void WhisperIteration(void* handle, const std::vector<float>& speech, Canceller&
     FAILS(whisper->SetConfigProperty(handle, "max_length", "\xff"));
 }
 
-// Growth is judged on the last quarter of the samples: their median against
-// the median of the first quarter. 32 MiB: far above the runtime's own caches
-// settling (a few MiB), far below what a leak of one generation's buffers per
-// iteration builds up.
-bool Grows(const std::vector<long>& samples, long* growthKiB) {
-    if (samples.size() < 8) return false;
+// Growth is judged on the medians of four quarters of the samples taken after
+// warm-up: memory keeps growing when each quarter's is above the one before and
+// the last is more than 32 MiB above the first. A leak rises in every quarter;
+// the runtime's caches and the allocator's arenas settle in a few steps of
+// about 10 MiB, which a 2-minute run may still catch one or two of. 32 MiB is
+// far below what a leak of one generation's buffers per iteration builds up
+// over the thousands of iterations of a run.
+struct Memory {
+    long quarters[4] = {};  // KiB
+    bool grows = false;
+};
+
+Memory Judge(const std::vector<long>& samples) {
+    Memory memory;
+    if (samples.size() < 8) return memory;
     const size_t quarter = samples.size() / 4;
-    auto median = [](std::vector<long> v) {
-        std::nth_element(v.begin(), v.begin() + v.size() / 2, v.end());
-        return v[v.size() / 2];
-    };
-    *growthKiB = median(std::vector<long>(samples.end() - quarter, samples.end())) -
-                 median(std::vector<long>(samples.begin(), samples.begin() + quarter));
-    return *growthKiB > 32 * 1024;
+    for (size_t q = 0; q < 4; ++q) {
+        std::vector<long> part(samples.begin() + q * quarter, samples.begin() + (q + 1) * quarter);
+        std::nth_element(part.begin(), part.begin() + part.size() / 2, part.end());
+        memory.quarters[q] = part[part.size() / 2];
+    }
+    const long* m = memory.quarters;
+    memory.grows = m[0] < m[1] && m[1] < m[2] && m[2] < m[3] && m[3] - m[0] > 32 * 1024;
+    return memory;
 }
 
 // The cycle makes and ends both handles every iteration; the soak makes a new
@@ -325,15 +335,15 @@ int Drive(const std::string& models, bool cycle, double limit, const std::vector
     }
     OK(llm->DestroyModel(model));
     OK(whisper->DestroyModel(speechModel));
-    long growth = 0;
-    const bool grows = Grows(samples, &growth);
+    const Memory memory = Judge(samples);
+    const long* m = memory.quarters;
     std::printf("%s: seed %u, %ld LLM iterations, %ld transcriptions in %.0f s, %d errors reported; "
-                "resident %ld -> %ld MiB after warm-up (%+ld KiB)\n",
-                cycle ? "cycle" : "soak", seed, iterations, transcriptions, seconds(), errors.load(),
-                samples.empty() ? 0 : samples.front() / 1024, samples.empty() ? 0 : samples.back() / 1024, growth);
+                "resident after warm-up, median of each quarter: %ld %ld %ld %ld MiB\n",
+                cycle ? "cycle" : "soak", seed, iterations, transcriptions, seconds(), errors.load(), m[0] / 1024,
+                m[1] / 1024, m[2] / 1024, m[3] / 1024);
     // Each Whisper pipeline leaves the runtime about 1 MB: the cycle's leaks
     // are LeakSanitizer's to judge.
-    if (cycle || !grows) return 0;
+    if (cycle || !memory.grows) return 0;
     std::fprintf(stderr, "soak: resident memory kept growing after warm-up\n");
     return 4;
 }
