@@ -3,15 +3,19 @@
 //   velmora-settings-table dict OUT [FILE...]   a libFuzzer dictionary: every
 //       name reachable by name and every stop criterion, then each FILE as is
 //   velmora-settings-table python OUT           the Python package's module
-//       (the tables, and the hosts' default context length of the header)
-//   velmora-settings-table check-python FILE    fails while FILE differs from
-//       what `python` writes, naming the command that writes it anew
+//       (the tables, the device codes and the hosts' default context length)
+//   velmora-settings-table csharp OUT           the C# binding's Device.cs (the
+//       device codes and the default context length)
+//   velmora-settings-table check-python|check-csharp FILE
+//       fails while FILE differs from what `python`/`csharp` writes, naming the
+//       command that writes it anew
 #include <fstream>
 #include <iostream>
 #include <set>
 #include <sstream>
 #include <string>
 
+#include "core/device.h"
 #include "core/setting.h"
 #include "openvino_bindings.h"
 #include "llm/llm_settings.h"
@@ -63,14 +67,37 @@ std::string PythonModule() {
     std::string criteria;
     for (const char* criterion : velmora::kStopCriteriaNames) criteria += std::string("\"") + criterion + "\", ";
     criteria.resize(criteria.size() - 2);
+    std::string devices;
+    for (std::size_t code = 0; code < std::size(velmora::kDeviceNames); ++code)
+        devices += std::string(code ? ", " : "") + "\"" + velmora::kDeviceNames[code] + "\": " + std::to_string(code);
     return "\"\"\"The settings each family takes by name, in the library's table order, with\n"
-           "the kind of each, the stop criteria's names and the hosts' default context\n"
-           "length. Written by the build tool velmora-settings-table from the library's\n"
-           "own tables and header: the build fails while this file differs from what it\n"
-           "writes.\"\"\"\n\n" +
+           "the kind of each, the stop criteria's names, the device codes and the hosts'\n"
+           "default context length. Written by the build tool velmora-settings-table\n"
+           "from the library's own tables and header: the build fails while this file\n"
+           "differs from what it writes.\"\"\"\n\n" +
            PythonTable("LLM", velmora::llm::kSettings) + "\n" + PythonTable("WHISPER", velmora::whisper::kSettings) +
            "\nSTOP_CRITERIA: tuple[str, ...] = (" + criteria + ")\n" +
+           "\nDEVICES: dict[str, int] = {" + devices + "}\n" +
            "\nDEFAULT_CONTEXT_LENGTH: int = " + std::to_string(VELMORA_DEFAULT_CONTEXT_LENGTH) + "\n";
+}
+
+// The enum takes each device's name with only its first letter capital, as C# names go.
+std::string CSharpFile() {
+    std::string members;
+    for (std::size_t code = 0; code < std::size(velmora::kDeviceNames); ++code) {
+        std::string name = velmora::kDeviceNames[code];
+        for (std::size_t i = 1; i < name.size(); ++i) name[i] = static_cast<char>(name[i] - 'A' + 'a');
+        members += std::string(code ? ", " : "") + name + " = " + std::to_string(code);
+    }
+    return "// Written by the build tool velmora-settings-table from the library's header and\n"
+           "// device table: the build fails while this file differs from what it writes.\n"
+           "namespace Velmora\n{\n"
+           "    /// <summary>Where a model runs; the numbers are the library's device codes.</summary>\n"
+           "    public enum Device { " + members + " }\n\n"
+           "    internal static class Defaults\n    {\n"
+           "        /// <summary>The context length hosts give a new LLM when none is asked for.</summary>\n"
+           "        internal const int ContextLength = " + std::to_string(VELMORA_DEFAULT_CONTEXT_LENGTH) + ";\n"
+           "    }\n}\n";
 }
 
 bool Write(const char* path, const std::string& text) {
@@ -97,15 +124,17 @@ int main(int argc, char** argv) {
             if (!Append(text, argv[i])) return std::cerr << "cannot read " << argv[i] << "\n", 1;
         return Write(argv[2], text) ? 0 : (std::cerr << "cannot write " << argv[2] << "\n", 1);
     }
-    if (command == "python" && argc == 3)
-        return Write(argv[2], PythonModule()) ? 0 : (std::cerr << "cannot write " << argv[2] << "\n", 1);
-    if (command == "check-python" && argc == 3) {
+    const bool python = command == "python" || command == "check-python";
+    if ((python || command == "csharp" || command == "check-csharp") && argc == 3) {
+        const std::string wanted = python ? PythonModule() : CSharpFile();
+        if (command.rfind("check-", 0) != 0)
+            return Write(argv[2], wanted) ? 0 : (std::cerr << "cannot write " << argv[2] << "\n", 1);
         std::string current;
-        if (Append(current, argv[2]) && current == PythonModule()) return 0;
+        if (Append(current, argv[2]) && current == wanted) return 0;
         std::cerr << argv[2] << " differs from what the library's tables and header make of it;"
-                  << " write it anew with\n  " << argv[0] << " python " << argv[2] << "\n";
+                  << " write it anew with\n  " << argv[0] << " " << command.substr(6) << " " << argv[2] << "\n";
         return 1;
     }
-    std::cerr << "usage: " << argv[0] << " dict OUT [FILE...] | python OUT | check-python FILE\n";
+    std::cerr << "usage: " << argv[0] << " dict OUT [FILE...] | python|csharp OUT | check-python|check-csharp FILE\n";
     return 2;
 }

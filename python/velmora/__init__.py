@@ -17,9 +17,10 @@ from __future__ import annotations
 import os
 
 from . import _abi
-from ._abi import DEFAULT_DEVICE, DEVICES, Status
+from ._abi import DEFAULT_DEVICE, Status
 from ._library import LIBRARY_FILE, Library, find_library, load_library
 from ._model import encode
+from ._settings import DEVICES
 from ._version import __version__
 from .config import Config
 from .errors import PropertyError, VelmoraError

@@ -6,6 +6,8 @@ from __future__ import annotations
 from ctypes import CFUNCTYPE, POINTER, Structure, c_char_p, c_float, c_int, c_int32, c_int64, c_size_t, c_void_p
 from enum import IntEnum
 
+from ._settings import DEVICES
+
 
 class Status(IntEnum):
     """What a slot returns. Only QueryModel of an LLM tells why it failed."""
@@ -87,7 +89,6 @@ class WhisperApiBase(Structure):
     ]
 
 
-DEVICES = {"CPU": 0, "GPU": 1, "NPU": 2}
 # What every model, compile_model and the server run on when not told.
 DEFAULT_DEVICE = "CPU"
 

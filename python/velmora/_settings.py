@@ -1,8 +1,8 @@
 """The settings each family takes by name, in the library's table order, with
-the kind of each, the stop criteria's names and the hosts' default context
-length. Written by the build tool velmora-settings-table from the library's
-own tables and header: the build fails while this file differs from what it
-writes."""
+the kind of each, the stop criteria's names, the device codes and the hosts'
+default context length. Written by the build tool velmora-settings-table
+from the library's own tables and header: the build fails while this file
+differs from what it writes."""
 
 LLM: dict[str, str] = {
     "max_new_tokens": "Size",
@@ -45,5 +45,7 @@ WHISPER: dict[str, str] = {
 }
 
 STOP_CRITERIA: tuple[str, ...] = ("EARLY", "HEURISTIC", "NEVER")
+
+DEVICES: dict[str, int] = {"CPU": 0, "GPU": 1, "NPU": 2}
 
 DEFAULT_CONTEXT_LENGTH: int = 256

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <exception>
 #include <iterator>
+#include <string_view>
 
 #include "commands.h"
 #include "core/value_text.h"
@@ -48,6 +49,20 @@ bool ParseDevice(const char* text, int32_t& out) {
     return ParseInt32(text, out);
 }
 
+// The --device help lists the library's device names, in code order.
+constexpr const char* kDeviceMetavar = "CPU|GPU|NPU";
+constexpr bool ListsDevices(std::string_view text) {
+    for (std::size_t code = 0; code < std::size(kDeviceNames); ++code) {
+        const std::string_view name = kDeviceNames[code];
+        if (code > 0 && (text.empty() || text.front() != '|')) return false;
+        if (code > 0) text.remove_prefix(1);
+        if (text.substr(0, name.size()) != name) return false;
+        text.remove_prefix(name.size());
+    }
+    return text.empty();
+}
+static_assert(ListsDevices(kDeviceMetavar), "kDeviceMetavar names kDeviceNames");
+
 struct Option {
     const char* name;
     const char* metavar;  // nullptr: a flag without value
@@ -62,7 +77,7 @@ const Option kOptions[] = {
      [](Options& o, const char* v) { o.library = v; return true; }},
     {"--model", "DIR", kAny, "model directory",
      [](Options& o, const char* v) { o.model = v; return true; }},
-    {"--device", "CPU|GPU|NPU", kAny, "device (or its number)",
+    {"--device", kDeviceMetavar, kAny, "device (or its number)",
      [](Options& o, const char* v) { return ParseDevice(v, o.device); }},
     {"--context", "N", kLlm, "context length: max_new_tokens, NPU prompt length (default " CLI_TEXT(CLI_DEFAULT_CONTEXT) ")",
      [](Options& o, const char* v) { return ParseInt32(v, o.context); }},

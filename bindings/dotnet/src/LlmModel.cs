@@ -14,7 +14,7 @@ namespace Velmora
         readonly ModelCore core;
 
         /// <param name="contextLength">Becomes the default max_new_tokens (and, on the NPU, the longest prompt).</param>
-        public LlmModel(string modelDir, Device device = Device.Cpu, int contextLength = 256)
+        public LlmModel(string modelDir, Device device = Device.Cpu, int contextLength = Defaults.ContextLength)
         {
             byte[] path = ModelCore.ModelPath(modelDir);
             api = Library.Llm;
