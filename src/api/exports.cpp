@@ -81,6 +81,16 @@ constexpr WhisperApiBase whisperApi = MakeWhisperApi();
 #ifndef __SANITIZE_ADDRESS__
 static_assert(Filled(llmApi), "every LLM slot is filled");
 static_assert(Filled(whisperApi), "every Whisper slot is filled");
+// Hosts may hand any Text to any of the string releases and any block to any
+// of the buffer releases, of either table.
+static_assert(llmApi.FreeQueryResult == llmApi.FreeConfigProperty &&
+                  llmApi.FreeQueryResult == whisperApi.FreeQueryResult &&
+                  whisperApi.FreeQueryResult == whisperApi.FreeConfigProperty,
+              "one string release");
+static_assert(llmApi.FreeStopTokens == whisperApi.FreeLangToId &&
+                  whisperApi.FreeLangToId == whisperApi.FreeBeginSuppressTokens &&
+                  whisperApi.FreeLangToId == whisperApi.FreeSuppressTokens,
+              "one buffer release");
 #endif
 
 }  // namespace

@@ -77,7 +77,7 @@ std::pair<int32_t, std::string> Reported(Pair pair, const std::function<int32_t(
 }
 
 // Texts of either family go back through the LLM table: both tables hold the
-// same release functions (Tables test).
+// same release functions (checked where the tables are built).
 std::pair<int32_t, std::string> TextOf(Pair pair, const std::function<int32_t(char**)>& call) {
     char* text = Untouched<char>();
     auto answer = Reported(pair, [&] { return call(&text); });
@@ -90,17 +90,13 @@ std::pair<int32_t, std::string> TextOf(Pair pair, const std::function<int32_t(ch
     return answer;
 }
 
-void ExpectRoundTrips(Pair pair, SetSetting set, GetSetting get, void* handle, const std::vector<Setting>& rows,
-                      const std::set<std::string>& names) {
-    std::set<std::string> tested;
+void ExpectRoundTrips(Pair pair, SetSetting set, GetSetting get, void* handle, const std::vector<Setting>& rows) {
     for (const Setting& row : rows) {
-        tested.insert(row.name);
         EXPECT_EQ(Reported(pair, [&] { return set(handle, row.name, row.value); }).first, 0) << row.name;
         EXPECT_EQ(TextOf(pair, [&](char** out) { return get(handle, row.name, out); }),
                   std::make_pair(0, std::string(row.text)))
             << row.name << "=" << row.value;
     }
-    EXPECT_EQ(tested, names) << "one row per setting";
 }
 
 std::string LlmInitError(const fs::path& dir, int device, int contextLength) {

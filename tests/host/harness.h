@@ -1,6 +1,8 @@
 // The library as a host sees it: loaded with dlopen, reached through its tables.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <filesystem>
 #include <functional>
 #include <set>
@@ -42,8 +44,9 @@ std::pair<int32_t, std::string> Reported(Pair pair, const std::function<int32_t(
 // message. Checks that a failure leaves the out-parameter untouched.
 std::pair<int32_t, std::string> TextOf(Pair pair, const std::function<int32_t(char**)>& call);
 
-// Sets each row and reads it back as `text`; the rows must name exactly the
-// settings `names` holds.
+// Sets each row and reads it back as `text`. The slots' texts differ by the
+// kind of a setting, not by its name, so the rows must hold a setting of each
+// kind of `table` reachable by name.
 using GetSetting = int32_t (*)(void*, const char*, char**);
 using SetSetting = int32_t (*)(void*, const char*, const char*);
 struct Setting {
@@ -51,16 +54,19 @@ struct Setting {
     const char* value;
     const char* text;
 };
-void ExpectRoundTrips(Pair pair, SetSetting set, GetSetting get, void* handle, const std::vector<Setting>& rows,
-                      const std::set<std::string>& names);
+void ExpectRoundTrips(Pair pair, SetSetting set, GetSetting get, void* handle, const std::vector<Setting>& rows);
 
-// The names of a family's settings table reachable by name.
 template <class Table>
-std::set<std::string> NamesOf(const Table& table) {
-    std::set<std::string> names;
+void ExpectRoundTrips(Pair pair, SetSetting set, GetSetting get, void* handle, const std::vector<Setting>& rows,
+                      const Table& table) {
+    std::set<int> kinds, tested;
     for (const auto& row : table)
-        if (row.byName) names.insert(row.name);
-    return names;
+        if (row.byName) kinds.insert(static_cast<int>(row.kind()));
+    for (const Setting& setting : rows)
+        for (const auto& row : table)
+            if (row.byName && std::string(row.name) == setting.name) tested.insert(static_cast<int>(row.kind()));
+    EXPECT_EQ(tested, kinds) << "one row per kind";
+    ExpectRoundTrips(pair, set, get, handle, rows);
 }
 
 // The one message of a failing InitModel (LLM through pair A, Whisper through

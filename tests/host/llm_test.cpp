@@ -125,36 +125,23 @@ TEST(LlmQuery, MaxNewTokensBoundsTheDeterministicTextWhichOutlivesItsHandle) {
     EXPECT_EQ(Llm().FreeQueryResult(six), 0);
 }
 
-// Adding a setting to the table means adding its row here.
-TEST(LlmSettings, EverySettingKeepsItsOwnValueInItsTextForm) {
+// A setting of each kind keeps its value in its text form: sizes set as -1
+// read back as the largest, floats in fixed notation however large, after
+// the leading number of the text. How values convert is the fuzzer's.
+TEST(LlmSettings, EachKindKeepsItsValueInItsTextForm) {
     const std::vector<host::Setting> rows = {
-        {"diversity_penalty", "0.25", "0.250000"},
         {"do_sample", "TRUE", "true"},
         {"eos_token_id", "-7", "-7"},
-        {"frequency_penalty", "-0.5", "-0.500000"},
-        {"ignore_eos", "tRuE", "true"},
-        {"include_stop_str_in_output", "true", "true"},
-        {"length_penalty", "2", "2.000000"},
-        {"max_length", "300", "300"},
         {"max_new_tokens", "-1", "18446744073709551615"},
-        {"min_new_tokens", "2", "2"},
-        {"no_repeat_ngram_size", "3", "3"},
-        {"num_beams", "4", "4"},
-        {"num_beam_groups", "2", "2"},
-        {"num_return_sequences", "3", "3"},
-        {"presence_penalty", "0.7", "0.700000"},
-        {"repetition_penalty", "1", "1.000000"},
-        {"rng_seed", "2147483647", "2147483647"},
         {"stop_criteria", "NEVER", "NEVER"},
         {"temperature", "340282346638528859811704183484516925440", "340282346638528859811704183484516925440.000000"},
-        {"top_k", "42abc", "42"},
         {"top_p", " .5x", "0.500000"},
     };
 
     LlmModel model(host::ModelDir("tiny-llm"), 512);
     EXPECT_EQ(Get(model.handle(), "max_new_tokens"), std::make_pair(0, std::string("512")));
     host::ExpectRoundTrips(Pair::A, Llm().SetConfigProperty, Llm().GetConfigProperty, model.handle(), rows,
-                           host::NamesOf(velmora::llm::kSettings));
+                           velmora::llm::kSettings);
 }
 
 // Names match exactly, and the list members have slots of their own. How
