@@ -9,6 +9,7 @@
 //   velmora-settings-table check-python|check-csharp FILE
 //       fails while FILE differs from what `python`/`csharp` writes, naming the
 //       command that writes it anew
+#include <cctype>
 #include <fstream>
 #include <iostream>
 #include <set>
@@ -63,13 +64,21 @@ std::string PythonTable(const char* variable, const Row (&rows)[N]) {
     return text + "}\n";
 }
 
+// The texts `item` makes of 0 .. count-1, separated by commas.
+template <class Item>
+std::string Joined(std::size_t count, Item item) {
+    std::string text;
+    for (std::size_t i = 0; i < count; ++i) text += (i ? ", " : "") + item(i);
+    return text;
+}
+
 std::string PythonModule() {
-    std::string criteria;
-    for (const char* criterion : velmora::kStopCriteriaNames) criteria += std::string("\"") + criterion + "\", ";
-    criteria.resize(criteria.size() - 2);
-    std::string devices;
-    for (std::size_t code = 0; code < std::size(velmora::kDeviceNames); ++code)
-        devices += std::string(code ? ", " : "") + "\"" + velmora::kDeviceNames[code] + "\": " + std::to_string(code);
+    const std::string criteria = Joined(std::size(velmora::kStopCriteriaNames), [](std::size_t i) {
+        return "\"" + std::string(velmora::kStopCriteriaNames[i]) + "\"";
+    });
+    const std::string devices = Joined(std::size(velmora::kDeviceNames), [](std::size_t code) {
+        return "\"" + std::string(velmora::kDeviceNames[code]) + "\": " + std::to_string(code);
+    });
     return "\"\"\"The settings each family takes by name, in the library's table order, with\n"
            "the kind of each, the stop criteria's names, the device codes and the hosts'\n"
            "default context length. Written by the build tool velmora-settings-table\n"
@@ -83,12 +92,12 @@ std::string PythonModule() {
 
 // The enum takes each device's name with only its first letter capital, as C# names go.
 std::string CSharpFile() {
-    std::string members;
-    for (std::size_t code = 0; code < std::size(velmora::kDeviceNames); ++code) {
+    const std::string members = Joined(std::size(velmora::kDeviceNames), [](std::size_t code) {
         std::string name = velmora::kDeviceNames[code];
-        for (std::size_t i = 1; i < name.size(); ++i) name[i] = static_cast<char>(name[i] - 'A' + 'a');
-        members += std::string(code ? ", " : "") + name + " = " + std::to_string(code);
-    }
+        for (std::size_t i = 1; i < name.size(); ++i)
+            name[i] = static_cast<char>(std::tolower(static_cast<unsigned char>(name[i])));
+        return name + " = " + std::to_string(code);
+    });
     return "// Written by the build tool velmora-settings-table from the library's header and\n"
            "// device table: the build fails while this file differs from what it writes.\n"
            "namespace Velmora\n{\n"
