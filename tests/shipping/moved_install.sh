@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Installs the build, builds the C example against the installed package
+# Installs the build, builds the C examples against the installed package
 # (dlopen and linked) and the binding's sample against the installed Velmora.dll,
 # checks pkg-config, then moves the prefix to a path with a space and runs the
 # C host, the C# program and the command-line host from there, both families,
@@ -16,6 +16,8 @@ fail() { echo "FAILED: $*" >&2; exit 1; }
 cmake --install "$build" --prefix "$work/stage" >/dev/null
 cmake -S "$source/examples/stream" -B "$work/example" -G Ninja -DCMAKE_PREFIX_PATH="$work/stage" >/dev/null
 cmake --build "$work/example" >/dev/null
+cmake -S "$source/examples/transcribe" -B "$work/transcribe" -G Ninja -DCMAKE_PREFIX_PATH="$work/stage" >/dev/null
+cmake --build "$work/transcribe" >/dev/null
 mcs -nologo -warnaserror -r:"$work/stage/lib/Velmora.dll" -out:"$work/Example.exe" \
   "$source/bindings/dotnet/samples/VelmoraConsole/Program.cs"
 [[ -s $work/stage/lib/Velmora.xml ]] || fail "the install carries no XML documentation"
@@ -35,6 +37,9 @@ mv "$work/stage" "$prefix"
 mkdir "$work/models"
 cp -r "$models/tiny-llm" "$models/whisper-base" "$work/models/"
 espeak-ng -w "$work/speech.wav" "The quick brown fox jumps over the lazy dog."
+sox "$work/speech.wav" -r 16000 -c 1 -b 16 "$work/speech16.wav"
+# A minute of speech, two of the model's windows: long enough for Ctrl-C to land mid-way.
+sox "$work/speech16.wav" "$work/long.wav" repeat 19
 
 unshare -m bash -euo pipefail -s "$work" "$prefix" "$source" "$python_prefix" <<'HIDDEN'
 work=$1 prefix=$2
@@ -50,6 +55,18 @@ text=$("$work/example/velmora-stream" "$work/models/tiny-llm" "Once upon a time"
 # (the only one left: the build tree is in the hidden checkout).
 text=$(MONO_PATH="$prefix/lib" mono "$work/Example.exe" "$work/models/tiny-llm" "$work/models/whisper-base" "$work/speech.wav")
 [[ $(head -1 <<<"$text") == "Once upon a time"?* && ${text,,} == *"heard: "*fox* ]] || fail "the C# program printed '$text'"
+text=$("$work/transcribe/velmora-transcribe" "$work/models/whisper-base" "$work/speech16.wav" en "$library" 2>/dev/null)
+[[ ${text,,} == *fox* ]] || fail "the C transcriber printed '$text'"
+# Ctrl-C, repeated until it ends (one before the transcription starts is forgotten), returns the text so far.
+full=$("$work/transcribe/velmora-transcribe" "$work/models/whisper-base" "$work/long.wav" en "$library" 2>/dev/null)
+set -m  # else a job started with & ignores Ctrl-C
+"$work/transcribe/velmora-transcribe" "$work/models/whisper-base" "$work/long.wav" en "$library" >"$work/cut.txt" 2>/dev/null &
+pid=$!
+sleep 1
+while kill -INT "$pid" 2>/dev/null; do sleep 0.2; done
+wait "$pid" || fail "the interrupted transcriber failed"
+cut=$(<"$work/cut.txt")
+[[ -n $cut && ${#cut} -lt ${#full} && ${cut:0:20} == "${full:0:20}" ]] || fail "interrupted, the C transcriber printed '$cut' of '$full'"
 text=$("$prefix/bin/velmora-host" generate --stats --model "$work/models/tiny-llm" "Once upon a time")
 [[ ${#text} -ge 10 ]] || fail "velmora-host generated '$text'"
 text=$("$prefix/bin/velmora-host" transcribe --model "$work/models/whisper-base" "$work/speech.wav")
