@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "../temp_dir.h"
+#include "core/setting_text.h"
 #include "openvino_bindings.h"
 
 namespace host {
@@ -62,9 +63,11 @@ void ExpectRoundTrips(Pair pair, SetSetting set, GetSetting get, void* handle, c
     std::set<int> kinds, tested;
     for (const auto& row : table)
         if (row.byName) kinds.insert(static_cast<int>(row.kind()));
-    for (const Setting& setting : rows)
-        for (const auto& row : table)
-            if (row.byName && std::string(row.name) == setting.name) tested.insert(static_cast<int>(row.kind()));
+    for (const Setting& setting : rows) {
+        const auto* row = velmora::FindSetting(table, setting.name);
+        if (row == nullptr) ADD_FAILURE() << setting.name << " is no setting of the table";
+        else tested.insert(static_cast<int>(row->kind()));
+    }
     EXPECT_EQ(tested, kinds) << "one row per kind";
     ExpectRoundTrips(pair, set, get, handle, rows);
 }
