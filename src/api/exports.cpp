@@ -74,6 +74,9 @@ constexpr bool Filled(const WhisperApiBase& api) {
     return s0 && s1 && s2 && s3 && s4 && s5 && s6 && s7 && s8 && s9 && s10 && s11 && s12 && s13 && s14 && s15 && s16;
 }
 
+// The layout C and every binding assume.
+static_assert(sizeof(LangIdPair) == 16 && sizeof(HostCallbacks) == 2 * sizeof(void*), "the shapes C sees");
+
 constexpr LlmApiBase llmApi = MakeLlmApi();
 constexpr WhisperApiBase whisperApi = MakeWhisperApi();
 // GCC's null-pointer sanitizer stops treating a function's address as non-null at compile time; the

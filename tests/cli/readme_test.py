@@ -15,8 +15,8 @@ def main():
     checkout, python = Path(sys.argv[1]).resolve(), sys.argv[2]
     library = "build/src/Tarvik.Velmora.Framework.OpenVINOBindings.so"
     steps = {"sh": ("block.sh", [["bash", "-e", "block.sh"]]), "python": ("block.py", [[python, "block.py"]]),
-             "c": ("block.c", [["cc", "-std=c99", "-Wall", "-Werror", "-Iinclude", f'-DVELMORA_LIBRARY="{library}"',
-                                "block.c", "-ldl", "-o", "block"], ["./block"]])}
+             "c": ("block.c", [["cc", "-std=c99", "-Wall", "-Wextra", "-pedantic", "-Werror", "-Iinclude",
+                                f'-DVELMORA_LIBRARY="{library}"', "block.c", "-ldl", "-o", "block"], ["./block"]])}
     failures = 0
     for markdown in map(Path, sys.argv[3:]):
         text = markdown.read_text()

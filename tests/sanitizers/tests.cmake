@@ -9,11 +9,11 @@ set(tbb "TBB_ENABLE_SANITIZERS=1")
 get_property(velmora_plain_tests DIRECTORY PROPERTY TESTS)
 
 if(VELMORA_SANITIZE STREQUAL "address")
-  list(REMOVE_ITEM velmora_plain_tests unit_tests c_host)
+  list(REMOVE_ITEM velmora_plain_tests unit_tests)
   set_tests_properties(${velmora_plain_tests} PROPERTIES DISABLED TRUE)
   set(ubsan "UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1")
   set(asan "strict_string_checks=1:check_initialization_order=1")
-  set_tests_properties(unit_tests c_host PROPERTIES ENVIRONMENT
+  set_tests_properties(unit_tests PROPERTIES ENVIRONMENT
     "${tbb};ASAN_OPTIONS=${asan}:detect_leaks=1;LSAN_OPTIONS=suppressions=${supp}/lsan.supp;${ubsan}")
   # Full unwinding, so that the suppressions can name the third-party library
   # behind an allocation: the injected failures must leak nothing of ours.
