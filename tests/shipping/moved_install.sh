@@ -1,10 +1,12 @@
 #!/usr/bin/env bash
-# Installs the build, builds the C examples against the installed package
-# (dlopen and linked) and the binding's sample against the installed Velmora.dll,
+# Installs the build, checks that its library exports only the two tables,
+# builds the C examples against the installed package (dlopen and linked) and
+# the binding's sample (the README's program) against the installed Velmora.dll,
 # checks pkg-config, then moves the prefix to a path with a space and runs the
-# C host, the C# program and the command-line host from there, both families,
-# with the checkout and the build's Python installation hidden behind empty
-# file systems (a private mount namespace; needs root).
+# C host, the C# program (in bin/, as its README lays it out) and the
+# command-line host from there, both families, with the checkout and the
+# build's Python installation hidden behind empty file systems (a private mount
+# namespace; needs root).
 #   moved_install.sh BUILD_DIR SOURCE_DIR MODELS_DIR BUILD_PYTHON_PREFIX
 set -euo pipefail
 build=$1 source=$(realpath "$2") models=$3 python_prefix=$(realpath "$4")
@@ -14,12 +16,17 @@ library=Tarvik.Velmora.Framework.OpenVINOBindings.so
 fail() { echo "FAILED: $*" >&2; exit 1; }
 
 cmake --install "$build" --prefix "$work/stage" >/dev/null
+exported=$(nm -D --defined-only "$work/stage/lib/$library" | awk '$2 ~ /^[TDBRVW]$/ {print $3}' | sort | xargs)
+[[ $exported == "GetLlmApiBase GetWhisperApiBase" ]] || fail "the library exports $exported"
 cmake -S "$source/examples/stream" -B "$work/example" -G Ninja -DCMAKE_PREFIX_PATH="$work/stage" >/dev/null
 cmake --build "$work/example" >/dev/null
 cmake -S "$source/examples/transcribe" -B "$work/transcribe" -G Ninja -DCMAKE_PREFIX_PATH="$work/stage" >/dev/null
 cmake --build "$work/transcribe" >/dev/null
-mcs -nologo -warnaserror -r:"$work/stage/lib/Velmora.dll" -out:"$work/Example.exe" \
-  "$source/bindings/dotnet/samples/VelmoraConsole/Program.cs"
+sample=$source/bindings/dotnet/samples/VelmoraConsole/Program.cs
+[[ $(<"$source/bindings/dotnet/README.md") == *'```csharp'$'\n'"$(<"$sample")"$'\n```'* ]] ||
+  fail "the binding's README shows another program than $sample"
+mcs -nologo -warnaserror -r:"$work/stage/lib/Velmora.dll" -out:"$work/stage/bin/Example.exe" "$sample"
+cp "$work/stage/lib/Velmora.dll" "$work/stage/bin/"
 [[ -s $work/stage/lib/Velmora.xml ]] || fail "the install carries no XML documentation"
 
 # The package's own files name the prefix they were installed to.
@@ -51,9 +58,14 @@ library="$prefix/lib/Tarvik.Velmora.Framework.OpenVINOBindings.so"
 
 text=$("$work/example/velmora-stream" "$work/models/tiny-llm" "Once upon a time" "$library" 2>/dev/null)
 [[ ${#text} -ge 10 ]] || fail "the C host streamed '$text'"
-# The installed assembly, found as mono finds any outside the program's folder, finds the library beside itself
-# (the only one left: the build tree is in the hidden checkout).
-text=$(MONO_PATH="$prefix/lib" mono "$work/Example.exe" "$work/models/tiny-llm" "$work/models/whisper-base" "$work/speech.wav")
+# The assembly in bin/ finds the library in ../lib/ (the only one left: the build tree is in the hidden
+# checkout), after refusing a missing file before any model loads.
+status=0
+text=$(mono "$prefix/bin/Example.exe" "$work/models/tiny-llm" "$work/models/whisper-base" "$work/missing.wav" 2>&1) ||
+  status=$?
+[[ $status == 2 && $text == "cannot read "*missing.wav:* && $text != *Initializing* ]] ||
+  fail "the C# program given a missing file: $status '$text'"
+text=$(mono "$prefix/bin/Example.exe" "$work/models/tiny-llm" "$work/models/whisper-base" "$work/speech.wav")
 [[ $(head -1 <<<"$text") == "Once upon a time"?* && ${text,,} == *"heard: "*fox* ]] || fail "the C# program printed '$text'"
 text=$("$work/transcribe/velmora-transcribe" "$work/models/whisper-base" "$work/speech16.wav" en "$library" 2>/dev/null)
 [[ ${text,,} == *fox* ]] || fail "the C transcriber printed '$text'"
