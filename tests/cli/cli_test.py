@@ -131,13 +131,16 @@ class Host(unittest.TestCase):
             self.assertIn(line, result.stderr.splitlines()[0])
             self.assertLessEqual(len(result.stderr.splitlines()), 2, result.stderr)
 
-    def test_speech_in_another_format_rate_and_channel_count(self):
+    def test_speech_in_another_format_rate_and_channel_count_with_or_without_timestamps(self):
         with tempfile.NamedTemporaryFile(suffix=".flac") as flac:
             subprocess.run(["sox", SPEECH, "-r", "44100", "-c", "2", flac.name], check=True)
-            result = run("transcribe", "--stats", "--model", os.path.join(MODELS, "whisper-base"), flac.name)
-        heard = set(re.findall(r"[a-z]+", result.stdout.lower()))
-        self.assertGreaterEqual(len({"quick", "brown", "fox", "jumps", "over", "lazy", "dog"} & heard), 3, result)
-        self.assertRegex(result.stderr, r"stats: 2\.\d\d s of audio")  # resampled, not stretched
+            for timestamps in ("false", "true"):  # one plain text either way
+                result = run("transcribe", "--stats", "--set", f"return_timestamps={timestamps}",
+                             "--model", os.path.join(MODELS, "whisper-base"), flac.name)
+                heard = set(re.findall(r"[a-z]+", result.stdout.lower()))
+                self.assertGreaterEqual(len({"quick", "brown", "fox", "jumps", "over", "lazy", "dog"} & heard), 3, result)
+                self.assertNotIn("<|", result.stdout)
+                self.assertRegex(result.stderr, r"stats: 2\.\d\d s of audio")  # resampled, not stretched
 
 
 def main():

@@ -1,5 +1,5 @@
-// The LLM table on the tiny model: loading, queries, settings, stop lists,
-// tokenizing and compiling. Streams and cancels: llm_stream_test.cpp.
+// The LLM table on the tiny model: loading, queries, settings, tokenizing and
+// compiling. Streams and cancels: llm_stream_test.cpp.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -153,36 +153,6 @@ TEST(LlmSettings, NamesMatchExactlyAndListsAreNoSettings) {
         EXPECT_EQ(model.Set(name, "7"), std::make_pair(1, "An error occurred setting " + quoted));
         EXPECT_EQ(Get(model.handle(), name), std::make_pair(1, "An error occurred getting " + quoted));
     }
-}
-
-TEST(LlmStopLists, AStopStringOrTokenFromTheOutputEndsGenerationThere) {
-    LlmModel model(host::ModelDir("tiny-llm"), 24);
-    std::string full, stopped;
-    ASSERT_EQ(model.Query("Once upon a time", full), 0);
-    const std::string stop = full.substr(full.size() / 2, 3);
-    const char* stops[] = {stop.c_str()};
-    ASSERT_EQ(Llm().SetStopStrings(model.handle(), stops, 1), 0);
-    ASSERT_EQ(model.Query("Once upon a time", stopped), 0);
-    // The runtime cuts at a token boundary, so the text ends inside the stop string.
-    const size_t at = full.find(stop);
-    EXPECT_TRUE(StartsWith(full, stopped)) << stopped;
-    EXPECT_GE(stopped.size(), at) << "stop string '" << stop << "'";
-    EXPECT_LT(stopped.size(), at + stop.size()) << "stop string '" << stop << "'";
-
-    // A token of the output's second half, found with the model's own tokenizer.
-    ASSERT_EQ(Llm().SetStopStrings(model.handle(), nullptr, 0), 0);
-    int64_t* ids = nullptr;
-    size_t count = 0;
-    ASSERT_EQ(Llm().Tokenize(model.handle(), full.c_str(), &ids, &count), 0);
-    ASSERT_GT(count, 4u);
-    // The eos among the loaded stop tokens must stay.
-    std::vector<int64_t> withToken = host::Ids(Llm().GetStopTokens, model.handle());
-    withToken.push_back(ids[count * 3 / 4]);
-    Llm().FreeTokens(ids);
-    ASSERT_EQ(Llm().SetStopTokens(model.handle(), withToken.data(), withToken.size()), 0);
-    ASSERT_EQ(model.Query("Once upon a time", stopped), 0);
-    EXPECT_LT(stopped.size(), full.size());
-    EXPECT_TRUE(StartsWith(full, stopped)) << stopped;
 }
 
 TEST(LlmTokenize, GivesTheRuntimeTokenizersIdsAndLeavesGenerationAlone) {

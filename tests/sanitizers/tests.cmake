@@ -24,14 +24,12 @@ if(VELMORA_SANITIZE STREQUAL "address")
     "${tbb};ASAN_OPTIONS=${asan}:detect_leaks=1:fast_unwind_on_malloc=0;LSAN_OPTIONS=suppressions=${supp}/lsan.supp;${ubsan}")
   # Leaks of the host tests are judged by the leak cycle (scripts/leak.sh
   # --lsan), which unwinds fully: the fast unwinder loses the frames that name
-  # the runtime's libraries. Left out: real speech through the larger model
-  # (the tiny model's path at many times the cost); the settings and list
-  # cases, whose slots the fuzzers drive under the same sanitizers; and the
-  # handles coming and going on several threads, which are TSan's: the runtime
+  # the runtime's libraries. Left out: the settings and list cases, whose
+  # slots the fuzzers drive under the same sanitizers; and the handles coming and going on several threads, which are TSan's: the runtime
   # starts threads for every compiled model, and ASan's own thread registry
   # faulted and then deadlocked reporting it, after a few hundred of them.
   add_test(NAME host_tests_asan
-    COMMAND host_tests --gtest_filter=-WhisperSpeech.*:WhisperLists.*:WhisperSettings.*:LlmSettings.*:Concurrency.*)
+    COMMAND host_tests --gtest_filter=-WhisperLists.*:WhisperSettings.*:LlmSettings.*:Concurrency.*)
   set_tests_properties(host_tests_asan PROPERTIES TIMEOUT 900 ENVIRONMENT "${tbb};ASAN_OPTIONS=${asan}:detect_leaks=0;${ubsan}")
 elseif(VELMORA_SANITIZE STREQUAL "thread")
   # Only the tests where threads meet: cancels during generation, handles
