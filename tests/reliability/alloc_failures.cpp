@@ -8,16 +8,12 @@
 // lock: the runtime's own, and the bridge's work with Python, are left alone.
 #include <dlfcn.h>
 #include <execinfo.h>
-#include <link.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <functional>
 #include <map>
-#include <set>
 #include <new>
 #include <string>
 #include <type_traits>
@@ -33,31 +29,12 @@ thread_local bool counting = false;  // inside a slot call
 thread_local long seen = 0;          // allocations counted in this call
 thread_local long failAt = 0;        // the one to fail, 1-based; 0: none
 int (*holdsInterpreterLock)() = nullptr;
-// Where the code of a module lies: [start, end) of its loaded segments.
-struct Module {
-    std::vector<std::pair<uintptr_t, uintptr_t>> ranges;
-    bool Holds(const void* address) const {
-        const auto a = reinterpret_cast<uintptr_t>(address);
-        for (const auto& [start, end] : ranges)
-            if (a >= start && a < end) return true;
-        return false;
-    }
-};
-Module library, program, standard;  // the library, this program, libstdc++
+// The library, this program and libstdc++; found without allocating.
+link_map *library = nullptr, *program = nullptr, *standard = nullptr;
 
-int FindModules(dl_phdr_info* info, size_t, void* libraryBase) {
-    const std::string name = info->dlpi_name != nullptr ? info->dlpi_name : "";
-    Module* module = reinterpret_cast<void*>(info->dlpi_addr) == libraryBase ? &library
-                     : name.empty()                                       ? &program
-                     : name.find("libstdc++") != std::string::npos        ? &standard
-                                                                          : nullptr;
-    if (module == nullptr || (module == &program && !program.ranges.empty())) return 0;
-    for (int i = 0; i < info->dlpi_phnum; ++i)
-        if (info->dlpi_phdr[i].p_type == PT_LOAD) {
-            const uintptr_t start = info->dlpi_addr + info->dlpi_phdr[i].p_vaddr;
-            module->ranges.emplace_back(start, start + info->dlpi_phdr[i].p_memsz);
-        }
-    return 0;
+link_map* ModuleOf(void* address) {
+    dl_find_object found;
+    return _dl_find_object(address, &found) == 0 ? found.dlfo_link_map : nullptr;
 }
 
 // Whether the allocation being made was asked for by the library's code:
@@ -67,15 +44,16 @@ bool FromLibrary() {
     void* frames[16];
     const int depth = backtrace(frames, 16);
     for (int i = 1; i < depth; ++i) {
-        if (library.Holds(frames[i])) return true;
-        if (!program.Holds(frames[i]) && !standard.Holds(frames[i])) return false;
+        const link_map* module = ModuleOf(frames[i]);
+        if (module == library) return true;
+        if (module != program && module != standard) return false;
     }
     return false;
 }
 
 bool FailsNow() {
     if (!counting || (holdsInterpreterLock != nullptr && holdsInterpreterLock() != 0)) return false;
-    counting = false;  // backtrace and dladdr may allocate themselves
+    counting = false;  // backtrace may allocate itself
     const bool ours = FromLibrary();
     counting = true;
     return ours && ++seen == failAt;
@@ -283,12 +261,11 @@ protected:
         Llm().DestroyModel(handle);
         holdsInterpreterLock = reinterpret_cast<int (*)()>(dlsym(RTLD_DEFAULT, "PyGILState_Check"));
         ASSERT_NE(holdsInterpreterLock, nullptr);
-        Dl_info info{};
-        ASSERT_NE(dladdr(reinterpret_cast<void*>(Llm().InitModel), &info), 0);
-        dl_iterate_phdr(FindModules, info.dli_fbase);
-        ASSERT_TRUE(library.Holds(reinterpret_cast<void*>(Llm().InitModel)));
-        ASSERT_TRUE(program.Holds(reinterpret_cast<void*>(&FromLibrary)));
-        ASSERT_FALSE(standard.ranges.empty());
+        library = ModuleOf(reinterpret_cast<void*>(Llm().InitModel));
+        program = ModuleOf(reinterpret_cast<void*>(&FromLibrary));
+        standard = ModuleOf(dlsym(RTLD_DEFAULT, "_ZSt9terminatev"));
+        ASSERT_TRUE(library != nullptr && program != nullptr && standard != nullptr);
+        ASSERT_TRUE(library != program && library != standard && program != standard);
     }
     void TearDown() override {
         EXPECT_GT(points, 0);
