@@ -1,8 +1,12 @@
-// Handles working side by side on their own threads, and cancels from
-// another thread. Built into the ThreadSanitizer run (tests/sanitizers/tests.cmake).
+// The generating thread meeting the host's threads: streams cancelled from
+// other threads, handles working side by side on their own threads. Built into
+// the ThreadSanitizer run (tests/sanitizers/tests.cmake).
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
 #include <shared_mutex>
 #include <string>
 #include <thread>
@@ -14,8 +18,124 @@ using host::InboxOf;
 using host::Llm;
 using host::LlmModel;
 using host::Pair;
+using host::StartsWith;
 using host::Whisper;
 using host::WhisperModel;
+
+namespace {
+
+// What the host function saw; global because a TextCallback carries no context.
+struct Seen {
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<std::string> pieces;
+    size_t holdAt = 0;  // at this piece, wait until `released`
+    bool released = false;
+    std::atomic<int> inside{0};  // host functions running right now
+    std::atomic<bool> overlapped{false}, returned{false};
+    std::atomic<int> afterReturn{0};
+} seen;
+
+int OnText(char* piece) {
+    if (seen.inside.fetch_add(1) != 0) seen.overlapped = true;
+    if (seen.returned) ++seen.afterReturn;
+    {
+        std::unique_lock<std::mutex> lock(seen.mutex);
+        seen.pieces.emplace_back(piece);
+        if (seen.pieces.size() == seen.holdAt) {
+            seen.changed.notify_all();
+            seen.changed.wait(lock, [] { return seen.released; });
+        }
+    }
+    seen.inside.fetch_sub(1);
+    return 0;
+}
+
+// Resets what the host function saw before any thread that waits on the
+// stream starts, so none can take the previous stream's state for this one's.
+void Expect(size_t holdAt = 0) {
+    std::lock_guard<std::mutex> lock(seen.mutex);
+    seen.pieces.clear();
+    seen.holdAt = holdAt;
+    seen.released = false;
+}
+
+int32_t Stream(void* handle) {
+    seen.returned = false;
+    char prompt[] = "Once upon a time";
+    const int32_t status = Llm().StreamModel(handle, prompt, OnText);
+    seen.returned = true;
+    return status;
+}
+
+std::string Joined() {
+    std::string text;
+    for (const std::string& piece : seen.pieces) text += piece;
+    return text;
+}
+
+// Waits until the stream holds at its piece, runs `whileHeld`, then lets it go on.
+template <class Action>
+void WhenHeld(Action&& whileHeld) {
+    std::unique_lock<std::mutex> lock(seen.mutex);
+    EXPECT_TRUE(seen.changed.wait_for(lock, std::chrono::minutes(1), [] { return seen.pieces.size() >= seen.holdAt; }))
+        << "the stream ended before its piece " << seen.holdAt;
+    lock.unlock();
+    whileHeld();
+    lock.lock();
+    seen.released = true;
+    seen.changed.notify_all();
+}
+
+}  // namespace
+
+// The host function runs on a thread of the runtime's choosing, but its calls
+// never overlap and all end before StreamModel returns. Held inside the host
+// function while another thread cancels, the stream may let no piece slip
+// through however the threads are scheduled.
+TEST(LlmStream, CancelsFromOtherThreadsStopItAtOnceAndAreForgotten) {
+    void* handle = nullptr;  // destroyed by hand, right after its cancelled stream
+    ASSERT_EQ(Llm().InitModel(host::ModelDir("tiny-llm").c_str(), DEVICE_CPU, 200, &handle,
+                              &host::Callbacks(host::Pair::A)),
+              0);
+    Expect();
+    ASSERT_EQ(Stream(handle), 0);
+    const std::string full = Joined();
+    const size_t holdAt = 6;
+    ASSERT_GT(seen.pieces.size(), 4 * holdAt);
+
+    // Cancels racing the whole stream from two threads until it ends; none
+    // outlives it.
+    std::atomic<bool> streaming{true};
+    auto hammer = [&] {
+        while (streaming) EXPECT_EQ(Llm().CancelModel(handle), 0);
+    };
+    Expect();
+    std::thread c1(hammer), c2(hammer);
+    EXPECT_EQ(Stream(handle), 0);
+    streaming = false;
+    c1.join();
+    c2.join();
+    EXPECT_TRUE(StartsWith(full, Joined()));
+    Expect();
+    ASSERT_EQ(Stream(handle), 0);
+    EXPECT_EQ(Joined(), full);
+
+    // Cancelled while held inside the host function: no further piece.
+    Expect(holdAt);
+    std::thread canceller([&] {
+        WhenHeld([&] {
+            for (int i = 0; i < 1000; ++i) EXPECT_EQ(Llm().CancelModel(handle), 0);
+        });
+    });
+    EXPECT_EQ(Stream(handle), 0);
+    canceller.join();
+    EXPECT_EQ(Llm().DestroyModel(handle), 0);
+    EXPECT_EQ(seen.pieces.size(), holdAt);
+    EXPECT_TRUE(StartsWith(full, Joined()));
+    EXPECT_FALSE(seen.overlapped);
+    EXPECT_EQ(seen.afterReturn.load(), 0);
+}
 
 namespace {
 

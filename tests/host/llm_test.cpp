@@ -1,5 +1,5 @@
 // The LLM table on the tiny model: loading, queries, settings, tokenizing and
-// compiling. Streams and cancels: llm_stream_test.cpp.
+// compiling. Streams cancelled from other threads: concurrency_test.cpp.
 #include <gtest/gtest.h>
 
 #include <algorithm>
