@@ -90,15 +90,6 @@ std::pair<int32_t, std::string> TextOf(Pair pair, const std::function<int32_t(ch
     return answer;
 }
 
-void ExpectRoundTrips(Pair pair, SetSetting set, GetSetting get, void* handle, const std::vector<Setting>& rows) {
-    for (const Setting& row : rows) {
-        EXPECT_EQ(Reported(pair, [&] { return set(handle, row.name, row.value); }).first, 0) << row.name;
-        EXPECT_EQ(TextOf(pair, [&](char** out) { return get(handle, row.name, out); }),
-                  std::make_pair(0, std::string(row.text)))
-            << row.name << "=" << row.value;
-    }
-}
-
 std::string LlmInitError(const fs::path& dir, int device, int contextLength) {
     return InitError(Pair::A, "Initializing OpenVINO LLM model...", [&](void** handle) {
         return Llm().InitModel(dir.c_str(), device, contextLength, handle, &Callbacks(Pair::A));

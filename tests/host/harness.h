@@ -46,7 +46,7 @@ std::pair<int32_t, std::string> Reported(Pair pair, const std::function<int32_t(
 std::pair<int32_t, std::string> TextOf(Pair pair, const std::function<int32_t(char**)>& call);
 
 // Sets each row and reads it back as `text`. The slots' texts differ by the
-// kind of a setting, not by its name, so the rows must hold a setting of each
+// kind of a setting, not by its name, so the rows must hold one setting of each
 // kind of `table` reachable by name.
 using GetSetting = int32_t (*)(void*, const char*, char**);
 using SetSetting = int32_t (*)(void*, const char*, const char*);
@@ -55,7 +55,6 @@ struct Setting {
     const char* value;
     const char* text;
 };
-void ExpectRoundTrips(Pair pair, SetSetting set, GetSetting get, void* handle, const std::vector<Setting>& rows);
 
 template <class Table>
 void ExpectRoundTrips(Pair pair, SetSetting set, GetSetting get, void* handle, const std::vector<Setting>& rows,
@@ -67,9 +66,12 @@ void ExpectRoundTrips(Pair pair, SetSetting set, GetSetting get, void* handle, c
         const auto* row = velmora::FindSetting(table, setting.name);
         if (row == nullptr) ADD_FAILURE() << setting.name << " is no setting of the table";
         else tested.insert(static_cast<int>(row->kind()));
+        EXPECT_EQ(Reported(pair, [&] { return set(handle, setting.name, setting.value); }).first, 0) << setting.name;
+        EXPECT_EQ(TextOf(pair, [&](char** out) { return get(handle, setting.name, out); }),
+                  std::make_pair(0, std::string(setting.text)))
+            << setting.name << "=" << setting.value;
     }
     EXPECT_EQ(tested, kinds) << "one row per kind";
-    ExpectRoundTrips(pair, set, get, handle, rows);
 }
 
 // The one message of a failing InitModel (LLM through pair A, Whisper through
