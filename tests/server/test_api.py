@@ -74,11 +74,16 @@ def test_transcription(client, tmp_path):
     with open(tmp_path / "fox.flac", "rb") as audio:
         text = client.audio.transcriptions.create(model="speech", file=audio, language="en").text
     assert {"quick", "fox", "lazy", "dog"} <= set(text.lower().replace(".", "").split())
+    subprocess.run(["espeak-ng", "-v", "de", "-w", tmp_path / "de.wav", "Ich trinke jeden Morgen eine Tasse Kaffee."],
+                   check=True)
+    with open(tmp_path / "de.wav", "rb") as audio:  # the accent would be taken for English
+        assert "coffee" in client.audio.translations.create(model="speech", file=audio,
+                                                            extra_body={"language": "de"}).text.lower()
     with open(tmp_path / "fox.wav", "rb") as audio:
         german = client.audio.transcriptions.create(model="speech", file=audio, language="de").text
         audio.seek(0)
         verbose = client.audio.transcriptions.create(model="speech", file=audio, response_format="verbose_json")
-    # The language of the request before does not stay on the handle.
+    # Neither the language nor the task of the requests before stays on the handle.
     assert german != verbose.text and "dog" in verbose.text
     assert verbose.duration == pytest.approx(2.7, abs=0.5)
 

@@ -36,6 +36,8 @@ from .pool import Busy, LlmSlot, Pool, Slot
 from .schemas import ChatRequest, CompletionRequest, Sampling
 
 log = logging.getLogger("velmora.server")
+Task = Literal["transcribe", "translate"]
+SpeechFormat = Literal["json", "text", "verbose_json"]
 
 
 @dataclass
@@ -372,16 +374,14 @@ def create_app(options: Options, on_load_failure: Callable[[], None] = lambda: N
     async def completions(request: Request, body: CompletionRequest) -> Response:
         return await generate(request, body, "completion", lambda model: body.text())
 
-    @app.post("/v1/audio/transcriptions", dependencies=[Depends(authorize)])
-    async def transcriptions(request: Request, file: UploadFile = File(...), model: str = Form(...),
-                             language: str | None = Form(None),
-                             response_format: Literal["json", "text", "verbose_json"] = Form("json")) -> Response:
+    async def speech(request: Request, file: UploadFile, model: str, language: str | None,
+                     response_format: SpeechFormat, task: Task) -> Response:
         pool = pool_of(whisper_pools, model, "Whisper")
         samples = await to_thread.run_sync(_decode, await file.read(), file.filename or "")
         slot = await acquire(pool, model)
         watch, timer = _DisconnectWatch(request, slot.model), _Timer(options.timeout, slot.model)
         try:
-            text = await to_thread.run_sync(slot.transcribe, samples, language)
+            text = await to_thread.run_sync(slot.transcribe, samples, language, task)
         finally:
             watch.stop()
             timer.stop()
@@ -392,9 +392,22 @@ def create_app(options: Options, on_load_failure: Callable[[], None] = lambda: N
         if response_format == "text":
             return PlainTextResponse(text + "\n")
         if response_format == "verbose_json":
-            return JSONResponse({"task": "transcribe", "language": language or "auto",
+            return JSONResponse({"task": task, "language": language or "auto",
                                  "duration": len(samples) / 16000, "text": text, "segments": []})
         return JSONResponse({"text": text})
+
+    @app.post("/v1/audio/transcriptions", dependencies=[Depends(authorize)])
+    async def transcriptions(request: Request, file: UploadFile = File(...), model: str = Form(...),
+                             language: str | None = Form(None),
+                             response_format: SpeechFormat = Form("json")) -> Response:
+        return await speech(request, file, model, language, response_format, "transcribe")
+
+    # Into English. `language`, the spoken one, is ours: detection can mistake an accent for English.
+    @app.post("/v1/audio/translations", dependencies=[Depends(authorize)])
+    async def translations(request: Request, file: UploadFile = File(...), model: str = Form(...),
+                           language: str | None = Form(None),
+                           response_format: SpeechFormat = Form("json")) -> Response:
+        return await speech(request, file, model, language, response_format, "translate")
 
     return app
 
@@ -457,7 +470,7 @@ class _WhisperSlot:
         self.model.transcribe(np.zeros(1600, np.float32))
         self._language: str | None = None
 
-    def transcribe(self, samples: Samples, language: str | None) -> str:
+    def transcribe(self, samples: Samples, language: str | None, task: Task) -> str:
         token = None if not language else language if language.startswith("<|") else f"<|{language}|>"
         if token is not None and token not in self._languages:
             raise ApiError(400, f"language '{language}' is not one this model knows (ISO 639-1 codes such as 'en')",
@@ -468,6 +481,7 @@ class _WhisperSlot:
         if token is not None:
             self.model.config["language"] = token
         self._language = token
+        self.model.config["task"] = task
         return self.model.transcribe(samples).strip()
 
 
