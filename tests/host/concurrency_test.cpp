@@ -14,13 +14,7 @@
 
 #include "harness.h"
 
-using host::InboxOf;
-using host::Llm;
-using host::LlmModel;
-using host::Pair;
-using host::StartsWith;
-using host::Whisper;
-using host::WhisperModel;
+using namespace host;
 
 namespace {
 

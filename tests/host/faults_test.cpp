@@ -14,14 +14,7 @@
 #include "harness.h"
 
 namespace fs = std::filesystem;
-using host::Contains;
-using host::Llm;
-using host::LlmInitError;
-using host::LlmModel;
-using host::Pair;
-using host::Reported;
-using host::Whisper;
-using host::WhisperModel;
+using namespace host;
 
 namespace {
 

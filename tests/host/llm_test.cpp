@@ -14,13 +14,7 @@
 #include "llm/llm_settings.h"
 
 namespace fs = std::filesystem;
-using host::Callbacks;
-using host::InboxOf;
-using host::Llm;
-using host::LlmInitError;
-using host::LlmModel;
-using host::Pair;
-using host::StartsWith;
+using namespace host;
 
 namespace {
 

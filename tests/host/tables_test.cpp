@@ -5,8 +5,7 @@
 
 #include "harness.h"
 
-using host::Llm;
-using host::Whisper;
+using namespace host;
 
 // That both tables share their release functions is checked where they are built.
 TEST(Tables, TheirReleasesAcceptNothingToRelease) {

@@ -7,10 +7,7 @@
 #include "harness.h"
 #include "whisper/whisper_settings.h"
 
-using host::Pair;
-using host::Reported;
-using host::Whisper;
-using host::WhisperModel;
+using namespace host;
 
 TEST(WhisperInit, JudgesTheDeviceFirstAndLeavesTheDirectoryToTheRuntime) {
     EXPECT_EQ(host::WhisperInitError("/nonexistent", 3), "3device type is not supported");

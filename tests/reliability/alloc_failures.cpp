@@ -90,9 +90,7 @@ void operator delete[](void* p, std::size_t, std::align_val_t) noexcept { std::f
 
 namespace {
 
-using host::Llm;
-using host::Untouched;
-using host::Whisper;
+using namespace host;
 
 std::vector<std::string> errors;
 int logs = 0;
