@@ -37,6 +37,7 @@ def direct(request, models):
 
 def test_answers_match_the_package(client, direct):
     assert [m.id for m in client.models.list()] == ["tiny-llm", "speech"]
+    assert client.models.retrieve("speech").id == "speech"
     direct.config["max_new_tokens"] = 6
     expected = direct.generate(direct.chat_prompt(CHAT))
     chat = client.chat.completions.create(model="tiny-llm", messages=CHAT, max_tokens=6)
@@ -95,6 +96,8 @@ def test_bad_input_gets_the_error_object(client, server, tmp_path):
         return caught.value
 
     assert refused(openai.NotFoundError, model="gpt-4").code == "model_not_found"
+    with pytest.raises(openai.NotFoundError):
+        client.models.retrieve("gpt-4")
     assert refused(openai.BadRequestError, messages=[]).param == "messages"
     assert refused(openai.BadRequestError, n=2).param == "n"
     assert refused(openai.BadRequestError, max_tokens=-1).param == "max_tokens"

@@ -145,6 +145,7 @@ def create_app(options: Options, on_load_failure: Callable[[], None] = lambda: N
     llm_pools: dict[str, Pool[LlmSlot]] = {}
     whisper_pools: dict[str, Pool[_WhisperSlot]] = {}
     state: dict[str, Any] = {"ready": False, "failure": None}
+    started = int(time.time())  # every model's "created"
     registry = CollectorRegistry()
     metrics = Metrics(registry, lambda: {**llm_pools, **whisper_pools})
 
@@ -357,13 +358,20 @@ def create_app(options: Options, on_load_failure: Callable[[], None] = lambda: N
     async def prometheus() -> Response:
         return Response(generate_latest(registry), media_type=CONTENT_TYPE_LATEST)
 
+    def described(name: str) -> dict[str, Any]:
+        # "task" is ours, beside the API's fields: what the page offers each model for.
+        return {"id": name, "object": "model", "created": started, "owned_by": "velmora",
+                "task": "chat" if name in options.llm else "transcription"}
+
     @app.get("/v1/models", dependencies=[Depends(authorize)])
     async def models() -> dict[str, Any]:
-        created = int(time.time())
-        # "task" is ours, beside the API's fields: what the page offers each model for.
-        return {"object": "list", "data": [{"id": name, "object": "model", "created": created, "owned_by": "velmora",
-                                            "task": "chat" if name in options.llm else "transcription"}
-                                           for name in [*options.llm, *options.whisper]]}
+        return {"object": "list", "data": [described(name) for name in [*options.llm, *options.whisper]]}
+
+    @app.get("/v1/models/{name}", dependencies=[Depends(authorize)])
+    async def model(name: str) -> dict[str, Any]:
+        if name not in options.llm and name not in options.whisper:
+            raise ApiError(404, f"the model '{name}' is not served here", param="model", code="model_not_found")
+        return described(name)
 
     @app.post("/v1/chat/completions", dependencies=[Depends(authorize)])
     async def chat(request: Request, body: ChatRequest) -> Response:
