@@ -3,9 +3,10 @@
 # unpacked where a restore puts it (Debian's Mono `nuget install` takes many
 # minutes over its five thousand files), a program compiled against the
 # package's lib/netstandard2.0/Velmora.dll (the binding's sample), its linux-x64
-# native assets copied beside it as a build for that runtime does, then run under
+# native assets copied beside it as a build for that runtime does (then below
+# runtimes/linux-x64/native/, as a portable build leaves them), run under
 # mono with the checkout (so the build tree too) and the build's Python hidden (a
-# private mount namespace; needs root): only the library beside it can load.
+# private mount namespace; needs root): only the library the binding finds there can load.
 #   nuget.sh PACKAGES_DIR SOURCE_DIR MODELS_DIR BUILD_PYTHON_PREFIX
 set -euo pipefail
 packages=$1 source=$(realpath "$2") models=$(realpath "$3") python_prefix=$(realpath "$4")
@@ -28,13 +29,20 @@ cp -r "${installed}"runtimes/linux-x64/native/. "$work/app/"
 espeak-ng -w "$work/speech.wav" "The quick brown fox jumps over the lazy dog."
 
 cd /
-output=$(unshare -m bash -euo pipefail -s "$work" "$models" "$source" "$python_prefix" <<'HIDDEN'
+for layout in beside runtimes; do
+  if [[ $layout == runtimes ]]; then  # where a portable build (no runtime identifier) leaves them
+    mkdir -p "$work/app/runtimes/linux-x64/native"
+    mv "$work/app/Tarvik.Velmora.Framework.OpenVINOBindings.so" "$work/app/velmora-runtime" \
+      "$work/app/runtimes/linux-x64/native/"
+  fi
+  output=$(unshare -m bash -euo pipefail -s "$work" "$models" "$source" "$python_prefix" <<'HIDDEN'
 work=$1
 mount --bind "$2" "$work/models"
 for hidden in "$3" "$4"; do mount -t tmpfs none "$hidden"; done
 mono "$work/app/Example.exe" "$work/models/smollm2" "$work/models/whisper-base" "$work/speech.wav"
 HIDDEN
-) || fail "the program failed: $output"
-grep -q '^Once upon a time.' <<<"$output" || fail "nothing generated: $output"
-grep -qi '^heard: .*fox' <<<"$output" || fail "the speech was not heard: $output"
+  ) || fail "the program failed, native assets $layout: $output"
+  grep -q '^Once upon a time.' <<<"$output" || fail "nothing generated, native assets $layout: $output"
+  grep -qi '^heard: .*fox' <<<"$output" || fail "the speech was not heard, native assets $layout: $output"
+done
 echo "nuget $(basename "$packages"/Velmora.*.nupkg): passed ($(du -h "$packages"/Velmora.*.nupkg | cut -f1))"
