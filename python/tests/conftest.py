@@ -22,8 +22,7 @@ def models(request):
 
 
 class Counting:
-    """Forwards to a model's table and notes each release slot called, with
-    its arguments, so that a test sees every buffer given back exactly once."""
+    """A model's table noting each release slot called, with its arguments."""
 
     def __init__(self, api):
         self._api, self.released = api, []

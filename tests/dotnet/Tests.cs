@@ -17,8 +17,8 @@ static class Tests
     const long Long = 5000;  // tokens: seconds of generation, unless stopped
     static string models, dir;
 
-    // What the binding cannot hide, seen through the tables wrapped for the whole run: every buffer
-    // given back (and DestroyModel), the text a query returned, pieces delivered and runs begun.
+    // Seen through the wrapped tables: buffers given back (and DestroyModel), the text a query
+    // returned, pieces delivered and runs begun.
     static readonly List<string> released = new List<string>();
     static string queried;
     static int delivered, runs;
@@ -143,8 +143,8 @@ static class Tests
             Throws<OperationCanceledException>(() => model.Stream(Prompt, source.Token).Any(), "stream of a cancelled token");
             Throws<OperationCanceledException>(() => model.Generate(Prompt, source.Token), "generation of a cancelled token");
             That(runs == begun, "a cancelled token generates nothing");
-            // Cancelled just as the generation starts, when a lone Cancel is forgotten, it still stops it;
-            // the text the library returned is given back all the same.
+            // Cancelled as the generation starts (a lone Cancel then is forgotten), it still stops; the
+            // returned text is given back.
             using (var soon = new CancellationTokenSource(TimeSpan.FromMilliseconds(1)))
                 Throws<OperationCanceledException>(() => model.Generate(Prompt, soon.Token), "cancelled at the start");
             That(model.Tokenize(queried).Length < Long / 2 && Count("FreeQueryResult") == 1, "stopped early and released");
@@ -157,16 +157,14 @@ static class Tests
             model.Tokenize("x");  // waits for the abandoned run
             That(delivered < Long / 2 && Count("DestroyModel") == 1, "the finalizers stopped and ended");
 
-            // Cancel never waits for the generation, which returns the text so far; one landing before the
-            // run starts is forgotten, hence the repeats.
+            // Cancel does not wait; the generation returns the text so far (repeated: one before the run is forgotten).
             string text = null;
             var worker = new Thread(() => text = model.Generate(Prompt));
             worker.Start();
             while (!worker.Join(20)) model.Cancel();
             That(model.Tokenize(text).Length < Long / 2, "the text so far");
 
-            // Calling the model from inside its own loop would wait for itself; disposing it there
-            // stops the generation and ends the model once it has returned.
+            // A call from inside its own loop would wait for itself; Dispose there ends the model after the run.
             delivered = seen = 0;
             foreach (string piece in model.Stream(Prompt))
                 if (seen++ == 0) { Throws<InvalidOperationException>(() => model.Tokenize("x"), "reentrant call"); model.Dispose(); }
@@ -195,8 +193,8 @@ static class Tests
             Thread.CurrentThread.CurrentCulture = CultureInfo.InvariantCulture;
             That(!model.Settings.TryGetValue("seed", out _), "unknown name");
 
-            // A message goes to the thread whose call failed: here the other model fails on another
-            // thread after this one's message has arrived and before its call has returned.
+            // A message goes to the thread whose call failed, though the other model fails on another
+            // thread between this one's message and its return.
             Native.SetPropertyFn real = Library.Llm.SetConfigProperty;
             bool nested = false;
             VelmoraException e = null, second = null;
@@ -217,8 +215,7 @@ static class Tests
             e = Throws<VelmoraException>(() => model.Settings["stop_criteria"] = "early", "refused silently");
             Equal("SetConfigProperty failed with status 1 and no message", e.Message, "no message");
 
-            // A failed stream throws from the loop: the runtime's sentence in one line, without the
-            // source place of its check.
+            // A failed stream throws from the loop: the runtime's sentence in one line, without its source place.
             model.Settings.Set("do_sample", false);
             model.Settings["num_return_sequences"] = "3";
             e = Throws<VelmoraException>(() => model.Stream(Prompt).ToList(), "stream");

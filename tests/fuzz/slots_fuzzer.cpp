@@ -1,12 +1,9 @@
-// libFuzzer target, built once per family (VELMORA_FUZZ_WHISPER picks the
-// Whisper one): the settings and list slots as linked into the library, fed
-// calls with arbitrary bytes on one handle without a pipeline (these slots
-// never touch it). Checks statuses, the one-message rule, out-parameters
-// written only on success, that a setter changes its own member only and
-// stores what the standard conversions (the reference) make of the text, that
-// lists read back as set, and (through ASan) that every buffer goes back
-// through the release functions. The getters' texts per kind are pinned by
-// the host tests' rows.
+// libFuzzer target, one per family (VELMORA_FUZZ_WHISPER): the settings and
+// list slots fed arbitrary bytes on a handle without a pipeline, which they
+// never touch. Checks statuses, one message per failure, out-parameters
+// written only on success, that a setter changes only its own member to what
+// the standard conversions make of the text, that lists read back as set, and
+// (ASan) that every buffer goes back through the release functions.
 #include <fuzzer/FuzzedDataProvider.h>
 #include <strings.h>
 
@@ -62,8 +59,7 @@ using velmora::SettingKind;
 std::vector<std::string> messages;
 void Capture(const char* message) { messages.emplace_back(message); }
 
-// The one message a call reported (at most one), or "" after a success (which
-// must be silent).
+// The one message a call reported, "" after a success (which must be silent).
 std::string Outcome(int32_t status) {
     CHECK(messages.size() <= (status == 0 ? 0u : 1u));
     std::string message = messages.empty() ? "" : messages.front();
@@ -98,10 +94,8 @@ void OnlyChanged(const Config& before, const Config& after, const char* changed)
         if (changed == nullptr || std::strcmp(row.name, changed) != 0) CHECK(SameMember(row, before, after));
 }
 
-// The standard conversion a row's text goes through (on this platform int has
-// 32 bits, so stoi applies the library's rules to sizes and ids alike): the
-// reason it refuses `value` ("" when it takes it), and whether the row holds
-// what it makes of `value`.
+// The reference: the standard conversion a row's text goes through (int has
+// 32 bits here, so stoi applies the library's rules to sizes and ids alike).
 template <class Convert>
 std::string Refusal(const char* conversion, Convert&& convert) {
     try {
@@ -189,9 +183,7 @@ void SetAndGet(Model& model, const std::string& name, const std::string& value) 
         CHECK(got == 0 || (got == 1 && text.empty() && row->kind() == SettingKind::StopCriteria));
 }
 
-// Calls a getter of a list and hands each element to `check` before the
-// release: the count must be `expected`, and an empty list leaves the array
-// out-parameter untouched.
+// Reads a list, checking the count and each element; an empty list leaves the array untouched.
 template <class T, class Getter, class Check, class Release>
 void ReadBack(Model& model, Getter get, size_t expected, Check check, Release release) {
     T* out = Untouched<T>();
@@ -213,8 +205,7 @@ void Replace(Model& model, const char* member, Set set) {
     OnlyChanged(before, model.config, member);
 }
 
-// Ids drawn from the input, small ones often so that duplicates show; `keep`
-// says what the list makes of them (a sorted set, or all in order).
+// Ids from the input, often small so that duplicates show; `sorted`: the list is a set.
 template <class Setter, class Getter>
 void IdList(Model& model, FuzzedDataProvider& input, const char* member, Setter set, Getter get, bool sorted) {
     std::vector<int64_t> given(input.ConsumeIntegralInRange<size_t>(0, 16));

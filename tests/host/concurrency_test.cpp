@@ -1,6 +1,4 @@
-// The generating thread meeting the host's threads: streams cancelled from
-// other threads, handles working side by side on their own threads. Built into
-// the ThreadSanitizer run (tests/sanitizers/tests.cmake).
+// The generating thread meeting the host's threads; run under ThreadSanitizer too.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -45,8 +43,7 @@ int OnText(char* piece) {
     return 0;
 }
 
-// Resets what the host function saw before any thread that waits on the
-// stream starts, so none can take the previous stream's state for this one's.
+// Resets what the host function saw before a waiting thread starts, so none sees the last stream's.
 void Expect(size_t holdAt = 0) {
     std::lock_guard<std::mutex> lock(seen.mutex);
     seen.pieces.clear();
@@ -83,10 +80,8 @@ void WhenHeld(Action&& whileHeld) {
 
 }  // namespace
 
-// The host function runs on a thread of the runtime's choosing, but its calls
-// never overlap and all end before StreamModel returns. Held inside the host
-// function while another thread cancels, the stream may let no piece slip
-// through however the threads are scheduled.
+// The host function's calls never overlap and end before StreamModel returns;
+// held inside it while another thread cancels, the stream lets no piece slip through.
 TEST(LlmStream, CancelsFromOtherThreadsStopItAtOnceAndAreForgotten) {
     void* handle = nullptr;  // destroyed by hand, right after its cancelled stream
     ASSERT_EQ(Llm().InitModel(host::ModelDir("tiny-llm").c_str(), DEVICE_CPU, 200, &handle,
@@ -153,10 +148,9 @@ std::string WhisperQuery(void* handle, const std::vector<float>& audio) {
 
 }  // namespace
 
-// Handles of both families made, used and destroyed on four threads, each
-// answering as it does alone. Hosts run a family's InitModel alone within that
-// family (its callback pair is shared), so each family's inits take its lock
-// alone and its other slots take it shared; the two families overlap freely.
+// Handles of both families on four threads answer as alone. A family's
+// InitModel runs alone within the family (its callback pair is shared); the
+// families overlap freely.
 TEST(Concurrency, HandlesOfBothFamiliesComeAndGoOnSeveralThreadsAndAnswerAsAlone) {
     const std::string llmDir = host::ModelDir("tiny-llm").string(), whisperDir = host::ModelDir("tiny-whisper").string();
     const std::vector<float> audio = host::Tone(32000, 300);
@@ -250,9 +244,8 @@ TEST(Concurrency, FailuresOnTwoThreadsAreEachReportedOnce) {
     EXPECT_EQ(InboxOf(Pair::B).errors.size(), 1u * rounds);
 }
 
-// The first tokenization of a process, on two handles at the same moment: a
-// conversion the runtime sets up lazily must not make them wait for each
-// other (run in a process of its own, so that it is the first).
+// The process's first tokenizations, on two handles at once, must not wait for
+// each other on the runtime's lazy setup (run in a process of its own).
 TEST(Concurrency, FirstTokenizationsOnTwoThreadsAtOnce) {
     LlmModel first(host::ModelDir("tiny-llm"), 8), second(host::ModelDir("tiny-llm"), 8);
     std::atomic<int> ready{0};

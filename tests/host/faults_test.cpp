@@ -1,6 +1,5 @@
-// Faults a host can cause: broken model directories, prompts, settings and
-// audio the runtime cannot take. Each must end in the documented status with
-// one clear message, and leave the handles and the family usable.
+// Broken model directories, prompts, settings and audio the runtime cannot take:
+// the documented status, one message, and handles that still work.
 #include <gtest/gtest.h>
 #include <sys/fsuid.h>
 #include <unistd.h>
@@ -49,8 +48,7 @@ TEST(LlmFaults, AnUnreadableDirectoryIsReportedAsSuch) {
 }
 
 // The runtime loads a pipeline without its tokenizer or detokenizer and fails
-// only when one is needed. Without a detokenizer the runtime's streaming
-// thread used to throw past its own frames and end the whole process.
+// when one is needed (a stream once ended the process).
 TEST(LlmFaults, AMissingTokenizerFailsEachUseAndNotTheProcess) {
     host::TempDir dir;
     LlmModel noTokenizer(host::ModelVariant(dir, "tiny-llm", "tokenizer"), 8);
@@ -100,8 +98,8 @@ TEST(LlmFaults, PromptsAndSettingsTheRuntimeCannotTakeLeaveTheHandleUsable) {
     EXPECT_EQ(result, expected);
 }
 
-// Settings are stored as given; the runtime judges them when a generation
-// starts: QueryModel says where by its status, StreamModel says 1 before any piece.
+// Stored as given, settings are judged when a generation starts: QueryModel's
+// status says where, StreamModel says 1 before any piece.
 TEST(LlmFaults, StoredSettingsTheRuntimeRejectsFailTheNextGeneration) {
     LlmModel model(host::ModelDir("tiny-llm"), 4);
     std::string result;
@@ -116,8 +114,7 @@ TEST(LlmFaults, StoredSettingsTheRuntimeRejectsFailTheNextGeneration) {
     ASSERT_EQ(model.Set("num_beams", "1").first, 0);
     EXPECT_EQ(model.Query("Hello", result), 0) << result;
 
-    // The full 64-bit sizes reach the runtime: with ignore_eos it refuses
-    // exactly the largest size in both length settings.
+    // 64-bit sizes reach the runtime, which refuses the largest in both lengths with ignore_eos.
     ASSERT_EQ(model.Set("ignore_eos", "true").first, 0);
     ASSERT_EQ(model.Set("max_length", "-1").first, 0);
     ASSERT_EQ(model.Set("max_new_tokens", "-1").first, 0);
@@ -126,8 +123,8 @@ TEST(LlmFaults, StoredSettingsTheRuntimeRejectsFailTheNextGeneration) {
     ASSERT_EQ(model.Set("max_new_tokens", "2").first, 0);
     EXPECT_EQ(model.Query("Hello", result), 0) << result;
 
-    // A stop string that is no text fails validation outside the runtime's
-    // assertions: QueryModel says 3 with its prefix, StreamModel 1 with the text alone.
+    // A stop string that is no text fails outside the runtime's assertions:
+    // QueryModel says 3 with its prefix, StreamModel 1 with the text alone.
     const char* stop[] = {"\xff"};
     ASSERT_EQ(Llm().SetStopStrings(model.handle(), stop, 1), 0);
     EXPECT_EQ(model.Query("Hello", result), 3);

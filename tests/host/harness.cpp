@@ -76,8 +76,7 @@ std::pair<int32_t, std::string> Reported(Pair pair, const std::function<int32_t(
     return {status, errors.empty() ? "" : errors.front()};
 }
 
-// Texts of either family go back through the LLM table: both tables hold the
-// same release functions (checked where the tables are built).
+// Texts of either family go back through the LLM table: the releases are shared.
 std::pair<int32_t, std::string> TextOf(Pair pair, const std::function<int32_t(char**)>& call) {
     char* text = Untouched<char>();
     auto answer = Reported(pair, [&] { return call(&text); });

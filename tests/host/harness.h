@@ -27,8 +27,7 @@ T* Untouched() {
     return reinterpret_cast<T*>(0x1);
 }
 
-// Messages that reached a callback pair. Pairs A and B are distinct functions,
-// so a test can tell which pair the library used.
+// Messages that reached callback pair A or B, so a test sees which pair the library used.
 struct Inbox {
     std::vector<std::string> logs, errors;
 };
@@ -37,17 +36,15 @@ const HostCallbacks& Callbacks(Pair pair);
 Inbox& InboxOf(Pair pair);
 void ClearInboxes();
 
-// A slot call's status and the message it reported through `pair` ("" for
-// none). Checks that it reported at most one, and none on success.
+// A slot call's status and its one message through `pair` ("" for none; none on success).
 std::pair<int32_t, std::string> Reported(Pair pair, const std::function<int32_t()>& call);
 
-// A slot that writes one Text: the status, with the text (released) or the
-// message. Checks that a failure leaves the out-parameter untouched.
+// A slot that writes one text: the status with the text (released) or the
+// message; a failure leaves the out-parameter untouched.
 std::pair<int32_t, std::string> TextOf(Pair pair, const std::function<int32_t(char**)>& call);
 
-// Sets each row and reads it back as `text`. The slots' texts differ by the
-// kind of a setting, not by its name, so the rows must hold one setting of each
-// kind of `table` reachable by name.
+// Sets each row and reads it back as `text`; texts differ by kind, not name,
+// so the rows hold one setting of each kind of `table`.
 using GetSetting = int32_t (*)(void*, const char*, char**);
 using SetSetting = int32_t (*)(void*, const char*, const char*);
 struct Setting {
@@ -74,8 +71,7 @@ void ExpectRoundTrips(Pair pair, SetSetting set, GetSetting get, void* handle, c
     EXPECT_EQ(tested, kinds) << "one row per kind";
 }
 
-// The one message of a failing InitModel (LLM through pair A, Whisper through
-// B), after its one log line; the handle stays unwritten.
+// The one message of a failing InitModel (LLM: pair A, Whisper: B) after its log line; no handle written.
 std::string LlmInitError(const std::filesystem::path& dir, int device = DEVICE_CPU, int contextLength = 8);
 std::string WhisperInitError(const std::filesystem::path& dir, int device = DEVICE_CPU);
 
@@ -110,8 +106,7 @@ private:
     void* handle_ = nullptr;
 };
 
-// A Whisper handle on the CPU that reports through pair B, destroyed with the
-// object; `maxNewTokens` keeps the random tiny model quick.
+// A Whisper handle on the CPU that reports through pair B; `maxNewTokens` keeps the random model quick.
 class WhisperModel {
 public:
     explicit WhisperModel(const std::filesystem::path& dir, int maxNewTokens = 0);

@@ -1,5 +1,4 @@
-// The LLM table on the tiny model: loading, queries, settings, tokenizing and
-// compiling. Streams cancelled from other threads: concurrency_test.cpp.
+// The LLM table on the tiny model: loading, queries, settings, tokenizing, compiling.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -22,8 +21,7 @@ std::pair<int32_t, std::string> Get(void* handle, const char* name) {
     return host::TextOf(Pair::A, [&](char** out) { return Llm().GetConfigProperty(handle, name, out); });
 }
 
-// Runs a snippet in the runtime's own Python environment and returns what it
-// printed; arguments go as hex so no text needs quoting.
+// What a snippet printed in the runtime's Python environment; arguments go as hex, unquoted.
 std::string RunPython(const std::string& script, const std::vector<std::string>& args) {
     std::ostringstream command;
     command << (fs::path(VELMORA_MODELS_DIR).parent_path() / ".venv/bin/python") << " -c '" << script << "'";
@@ -69,8 +67,7 @@ TEST(LlmInit, ReportsTheFirstFailingCheckInOrder) {
     // Properties are built before the device is named.
     EXPECT_EQ(LlmInitError(model, 7, 16), "7device type is not supported");
     EXPECT_EQ(LlmInitError(dir.path(), 2, 16), "The provided cache dreictory does not contain an expected blob file");
-    // With a blob below, the NPU passes every check of ours and fails in the
-    // runtime, as this machine has none.
+    // With a blob below, the NPU passes our checks and fails in the runtime (no NPU here).
     const fs::path variant = host::ModelVariant(dir, "tiny-llm");
     dir.Touch(fs::path("tiny-llm") / "nested" / "model.blob");
     EXPECT_TRUE(host::Contains(LlmInitError(variant, 2, 16), "Exception from"));
@@ -119,9 +116,8 @@ TEST(LlmQuery, MaxNewTokensBoundsTheDeterministicTextWhichOutlivesItsHandle) {
     EXPECT_EQ(Llm().FreeQueryResult(six), 0);
 }
 
-// A setting of each kind keeps its value in its text form: sizes set as -1
-// read back as the largest, floats in fixed notation however large, after
-// the leading number of the text. How values convert is the fuzzer's.
+// A setting of each kind keeps its value in its text form: -1 sizes read back
+// as the largest, floats in fixed notation. How values convert is the fuzzer's.
 TEST(LlmSettings, EachKindKeepsItsValueInItsTextForm) {
     const std::vector<host::Setting> rows = {
         {"do_sample", "TRUE", "true"},
@@ -138,8 +134,7 @@ TEST(LlmSettings, EachKindKeepsItsValueInItsTextForm) {
                            velmora::llm::kSettings);
 }
 
-// Names match exactly, and the list members have slots of their own. How
-// values convert and what a refused one leaves is the fuzzer's.
+// Names match exactly; the list members have slots of their own.
 TEST(LlmSettings, NamesMatchExactlyAndListsAreNoSettings) {
     LlmModel model(host::ModelDir("tiny-llm"), 512);
     for (const char* name : {"MAX_NEW_TOKENS", " max_new_tokens", "", "apply_chat_template", "stop_strings"}) {
@@ -193,9 +188,8 @@ TEST(LlmCompile, RefusesBadArgumentsBeforeTheRuntimeSeesThem) {
     EXPECT_EQ(Listing(model), before);
 }
 
-// The blob is the runtime's own cache file: a CPU pipeline given CACHE_DIR
-// writes one, and the NPU compile then refuses the directory while a CPU
-// compile ignores the blob and adds nothing.
+// The blob is the runtime's own cache file: after a CPU pipeline cached into the
+// directory, the NPU compile refuses it and a CPU compile adds nothing.
 TEST(LlmCompile, TheNpuRefusesADirectoryTheRuntimeAlreadyCachedInto) {
     host::TempDir dir;
     const fs::path model = host::ModelVariant(dir, "tiny-llm");

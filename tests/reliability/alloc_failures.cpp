@@ -1,11 +1,9 @@
 // Every allocation a slot makes from the library's own code, failed in turn:
-// the slot must fail with its status and say so once, write no out-parameter,
-// leak nothing (LeakSanitizer, in the address build) and leave the handle
-// working with its settings as they were. This program replaces operator new
-// for the whole process, and the library is the shipped one. Counted are the
-// allocations on the calling thread during a slot call whose first caller
-// outside the standard library is the library, made without the interpreter
-// lock: the runtime's own, and the bridge's work with Python, are left alone.
+// the slot must fail with its status and one message, write no out-parameter,
+// leak nothing (the address build) and leave the handle and its settings as
+// they were. Counted: allocations on the calling thread during a slot call,
+// first asked for by the library, without the interpreter lock (the runtime's
+// and the bridge's work with Python are left alone).
 #include <dlfcn.h>
 #include <execinfo.h>
 #include <gtest/gtest.h>
@@ -37,9 +35,8 @@ link_map* ModuleOf(void* address) {
     return _dl_find_object(address, &found) == 0 ? found.dlfo_link_map : nullptr;
 }
 
-// Whether the allocation being made was asked for by the library's code:
-// the first caller outside this program's operator new and the standard
-// library, which allocates for its caller.
+// Whether the first caller outside this program and the standard library
+// (which allocates for its caller) is the library.
 bool FromLibrary() {
     void* frames[16];
     const int depth = backtrace(frames, 16);
@@ -116,8 +113,7 @@ struct Slot {
     Failures failures = kBare;
     // Puts back what a successful call changed.
     std::function<void()> undo = [] {};
-    // Whether each fault is followed by a call that must work; InitModel
-    // needs none, the next fault's call is one.
+    // Whether each fault is followed by a call that must work (InitModel's next fault is one).
     bool rerun = true;
 };
 
@@ -210,8 +206,7 @@ std::string Joined(const std::vector<int64_t>& ids) {
     return text;
 }
 
-// A value each kind of setting takes, other than the model's, too long for
-// a string to hold without allocating.
+// A value of each kind, other than the model's, too long for a string to hold without allocating.
 const char* OtherValue(velmora::SettingKind kind) {
     switch (kind) {
         case velmora::SettingKind::Size: return "000000000000000000000000005";
@@ -223,8 +218,7 @@ const char* OtherValue(velmora::SettingKind kind) {
     }
 }
 
-// Set and get of one setting of each kind, the one with the longest text:
-// the slots' work differs by kind and by length, not by name.
+// Set and get of the setting of each kind with the longest text: the work differs by kind and length, not name.
 template <class Table, class Api>
 std::vector<Slot> SettingSlots(const Table& table, const Api& api, void* handle, const State& before) {
     std::map<velmora::SettingKind, std::string> longest;
@@ -318,8 +312,7 @@ TEST_F(AllocationFailures, WhisperSlotsFailCleanlyAtEveryAllocation) {
     const auto& whisper = Whisper();
     void* h = nullptr;
     ASSERT_EQ(whisper.InitModel(host::ModelDir("tiny-whisper").c_str(), DEVICE_CPU, &h, &callbacks), 0);
-    // Every list starts with something in it, so a setter that empties it
-    // before failing shows.
+    // Every list starts filled, so a setter that empties it before failing shows.
     char en[] = "<|en|>", de[] = "<|de|>", fr[] = "<|fr|>", es[] = "<|es|>", it[] = "<|it|>";
     const LangIdPair languages[] = {{en, 50259}, {de, 50261}};
     const LangIdPair otherLanguages[] = {{fr, 50265}, {es, 50262}, {it, 50274}};
@@ -368,8 +361,7 @@ TEST_F(AllocationFailures, WhisperSlotsFailCleanlyAtEveryAllocation) {
     whisper.DestroyModel(h);
 }
 
-// The argument and callback copies and the model object around the pipeline;
-// each call logs once, whatever happens after.
+// The copies of the arguments and callbacks and the model object; each call logs once.
 TEST_F(AllocationFailures, InitModelOfEitherFamilyFailsCleanlyAtEveryAllocation) {
     const std::string llmDir = host::ModelDir("tiny-llm").string(), whisperDir = host::ModelDir("tiny-whisper").string();
     const std::function<int32_t(void**)> inits[] = {

@@ -1,14 +1,10 @@
-/* Preloaded into a host to make a rare interleaving inside the runtime common.
- * The runtime's pool of decoder requests looks for an idle request under one
- * lock and, when all are busy, takes a second lock to queue itself for the
- * next one given back; a request given back between the two is missed, and
- * the waiter sleeps forever unless yet another request comes back later. This
- * holds every request a little longer before it is given back (so that
- * decoders on two threads meet) and pauses every thread just before that
- * second lock, so a host that lets two threads decode with one tokenizer at
- * once hangs within seconds instead of once in many minutes. A host that never
- * shares a tokenizer between threads never takes the second lock and is only
- * slowed a little. */
+/* Preloaded, makes a rare interleaving in the runtime common. Its pool of decoder
+ * requests looks for an idle one under one lock and, when all are busy, takes a
+ * second lock to wait for the next one given back; one given back in between is
+ * missed and the waiter may sleep forever. Holding each request a little before
+ * it goes back, and pausing before that second lock, makes a host that lets two
+ * threads decode with one tokenizer hang within seconds; one that never shares a
+ * tokenizer never takes the second lock. */
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <pthread.h>

@@ -61,8 +61,7 @@ const HostCallbacks callbacks = {OnLog, OnError};
     std::_Exit(1);
 }
 
-// Every slot call goes through here, so that the watchdog sees it return; a
-// failure must come with its one message.
+// Every slot call goes through here, for the watchdog; a failure must come with its one message.
 #define CALL(call, fails)                                                                     \
     do {                                                                                      \
         current.store(#call);                                                                 \
@@ -82,8 +81,7 @@ long ResidentKiB() {
     return resident * (sysconf(_SC_PAGESIZE) / 1024);
 }
 
-// A wedged run must fail loudly, with every thread's stack (gdb, when the
-// machine has it), not time out silently.
+// A wedge fails loudly, with every thread's stack (gdb, when there is one).
 void Watchdog() {
     long seen = progress.load();
     auto since = Clock::now();
@@ -114,9 +112,8 @@ bool everything = false;  // the cycle mode takes every branch
 int Pick(int low, int high) { return std::uniform_int_distribution<int>(low, high)(rng); }
 bool Chance(int percent) { return everything || Pick(1, 100) <= percent; }
 
-// Cancels the armed handle once its moment comes, from a thread of its own
-// as a host's UI or server thread would; disarmed, no cancel is pending, so
-// the handle may be destroyed.
+// Cancels the armed handle at its moment from a thread of its own, as a host's
+// UI thread would; once disarmed no cancel is pending.
 class Canceller {
 public:
     explicit Canceller(int32_t (*cancel)(void*)) : cancel_(cancel) {}
@@ -150,9 +147,8 @@ private:
     std::thread thread_{[this] { Run(); }};
 };
 
-// Every setting by name read and written back. An unset optional text fails
-// the read, and a size above the 32-bit range reads back as a text the setter
-// refuses.
+// Every setting by name read and written back; an unset optional text fails
+// the read, a size above 32 bits reads back as a text the setter refuses.
 template <class Api, class Table>
 void RoundTrips(const Api& api, void* handle, const Table& table) {
     for (const auto& row : table) {
@@ -273,13 +269,10 @@ void WhisperIteration(void* handle, const std::vector<float>& speech, Canceller&
     FAILS(whisper->SetConfigProperty(handle, "max_length", "\xff"));
 }
 
-// Growth is judged on the medians of four quarters of the samples taken after
-// warm-up: memory keeps growing when each quarter's is above the one before and
-// the last is more than 32 MiB above the first. A leak rises in every quarter;
-// the runtime's caches and the allocator's arenas settle in a few steps of
-// about 10 MiB, which a 2-minute run may still catch one or two of. 32 MiB is
-// far below what a leak of one generation's buffers per iteration builds up
-// over the thousands of iterations of a run.
+// Memory grows when the medians of the four quarters of the samples after
+// warm-up rise each time, by more than 32 MiB in all: a leak rises in every
+// quarter, while the runtime's caches and the allocator's arenas settle in one
+// or two steps of about 10 MiB.
 struct Memory {
     long quarters[4] = {};  // KiB
     bool grows = false;
@@ -328,8 +321,7 @@ int Drive(const std::string& models, bool cycle, double limit, const std::vector
             ++transcriptions;
         }
         ++iterations;
-        // The soak's warm-up also waits for the first transcriptions and
-        // handle recreations, where the runtime's caches grow to their size.
+        // The warm-up waits for the first transcriptions and handle recreations to grow the caches.
         if (cycle || (seconds() > limit / 4 && iterations > 40 && (audio.empty() || transcriptions > 3)))
             samples.push_back(ResidentKiB());
     }
@@ -337,8 +329,7 @@ int Drive(const std::string& models, bool cycle, double limit, const std::vector
     OK(whisper->DestroyModel(speechModel));
     std::printf("%s: seed %u, %ld LLM iterations, %ld transcriptions in %.0f s, %d errors reported\n",
                 cycle ? "cycle" : "soak", seed, iterations, transcriptions, seconds(), errors.load());
-    // Each Whisper pipeline leaves the runtime about 1 MB: the cycle's leaks
-    // are LeakSanitizer's to judge, its memory shown for a reader.
+    // The cycle's leaks are LeakSanitizer's to judge (each Whisper pipeline leaves the runtime about 1 MB).
     if (cycle) {
         std::printf("cycle: resident %ld -> %ld MiB\n", samples.front() / 1024, samples.back() / 1024);
         return 0;
@@ -377,8 +368,7 @@ int main(int argc, char** argv) {
     }
     llm = reinterpret_cast<const LlmApiBase* (*)()>(dlsym(library, "GetLlmApiBase"))();
     whisper = reinterpret_cast<const WhisperApiBase* (*)()>(dlsym(library, "GetWhisperApiBase"))();
-    // Not in the cycle: under LeakSanitizer's full unwinding a first model
-    // load alone can take minutes.
+    // Not in the cycle: under LeakSanitizer a first model load alone can take minutes.
     if (!cycle) std::thread(Watchdog).detach();
     if (cycle) return Drive(argv[2], true, argc > 4 ? std::atof(argv[4]) : 300, audio, 1);
     return Drive(argv[2], false, std::atof(argv[5]), audio,

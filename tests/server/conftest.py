@@ -43,8 +43,7 @@ def wait_healthy(url, process):
 
 @pytest.fixture(scope="session")
 def serve(request):
-    """Starts `python -m velmora.server ARGS` on a free loopback port, waits
-    until its models are loaded and stops it when the block ends."""
+    """`python -m velmora.server ARGS` on a free loopback port, from loaded to the end of the block."""
     library = request.config.getoption("--library")
 
     @contextlib.contextmanager

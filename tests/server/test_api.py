@@ -1,6 +1,4 @@
-"""The server through the official OpenAI client, curl and raw HTTP: answers
-equal to the package's own, errors as the client's typed exceptions, the
-queue, settings isolation and cancellation on disconnect."""
+"""The server through the OpenAI client, curl and raw HTTP."""
 import concurrent.futures
 import json
 import subprocess

@@ -1,5 +1,4 @@
-"""The server as deployed: two replicas behind nginx (with the configuration
-the examples document), and its page in a headless browser."""
+"""The server as deployed: two replicas behind the example's nginx, its page in a browser."""
 import concurrent.futures
 import re
 import subprocess

@@ -1,12 +1,9 @@
 #!/usr/bin/env bash
-# Installs the build, checks that its library exports only the two tables,
-# builds the C examples against the installed package (dlopen and linked) and
-# the binding's sample (the README's program) against the installed Velmora.dll,
-# checks pkg-config, then moves the prefix to a path with a space and runs the
-# C host, the C# program (in bin/, as its README lays it out) and the
-# command-line host from there, both families, with the checkout and the
-# build's Python installation hidden behind empty file systems (a private mount
-# namespace; needs root).
+# Installs the build (its library exporting only the two tables), builds the C
+# examples (dlopen and linked) and the binding's README program against it,
+# checks pkg-config, moves the prefix to a path with a space and runs the C
+# hosts, the C# program (from bin/) and the command-line host there, both
+# families, the checkout and build's Python hidden (a mount namespace; root).
 #   moved_install.sh BUILD_DIR SOURCE_DIR MODELS_DIR BUILD_PYTHON_PREFIX
 set -euo pipefail
 build=$1 source=$(realpath "$2") models=$3 python_prefix=$(realpath "$4")

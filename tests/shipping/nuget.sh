@@ -1,12 +1,10 @@
 #!/usr/bin/env bash
-# The NuGet package scripts/package.sh made, consumed as a .NET project would:
-# unpacked where a restore puts it (Debian's Mono `nuget install` takes many
-# minutes over its five thousand files), a program compiled against the
-# package's lib/netstandard2.0/Velmora.dll (the binding's sample), its linux-x64
-# native assets copied beside it as a build for that runtime does (then below
-# runtimes/linux-x64/native/, as a portable build leaves them), run under
-# mono with the checkout (so the build tree too) and the build's Python hidden (a
-# private mount namespace; needs root): only the library the binding finds there can load.
+# The NuGet package consumed as a .NET project would: unpacked where a restore
+# puts it (Mono's `nuget install` takes many minutes), the binding's sample
+# compiled against lib/netstandard2.0/Velmora.dll, the native assets beside it
+# (a build for linux-x64) and then below runtimes/linux-x64/native/ (a portable
+# build), run under mono with the checkout and build's Python hidden (a mount
+# namespace; root): only the library the binding finds there can load.
 #   nuget.sh PACKAGES_DIR SOURCE_DIR MODELS_DIR BUILD_PYTHON_PREFIX
 set -euo pipefail
 packages=$1 source=$(realpath "$2") models=$(realpath "$3") python_prefix=$(realpath "$4")

@@ -1,9 +1,8 @@
 #!/usr/bin/env bash
-# The wheel scripts/package.sh made for one CPython: it has a manylinux tag,
-# records no path of the build machine, and its library links no libpython (it
-# joins the host's) and refuses an interpreter of another version. Installed into a fresh virtual environment of its Python
-# outside the checkout, it generates, streams, chats and transcribes with the
-# checkout hidden (a private mount namespace; needs root).
+# The wheel for one CPython: a manylinux tag, no path of the build machine, a
+# library that links no libpython and refuses another version. Installed into
+# a fresh venv, it generates, streams, chats and transcribes with the checkout
+# hidden (a mount namespace; root).
 #   wheel.sh PACKAGES_DIR SOURCE_DIR MODELS_DIR PYTHON3.X OTHER_PYTHON3.Y
 set -euo pipefail
 packages=$1 source=$(realpath "$2") models=$(realpath "$3") python=$4 other=$5
