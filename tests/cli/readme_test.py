@@ -16,7 +16,7 @@ from pathlib import Path
 def shows(printed, shown):
     """Whether `printed` is what the block `shown` says, up to timings, counts and elisions."""
     def lines(text):
-        return [re.sub(r"\d+(\.\d+)?(?= s\b| ms\b| tokens\b|x real time)", "#", line.rstrip())
+        return [re.sub(r"(?:(?<=in )|(?<=after ))\d+(\.\d+)?|\d+(\.\d+)?(?= tokens\b|x real time)", "#", line.rstrip())
                 for line in text.rstrip("\n").split("\n")]
 
     def pattern(line):

@@ -45,13 +45,6 @@ class RuntimeOptions(unittest.TestCase):
         fixtures.write_runtime_options(self.xml, {"KV_CACHE_PRECISION": "u8"})
         self.assertEqual(self.options(), {"KV_CACHE_PRECISION": "u8"})
 
-    def test_a_file_without_model_rt_info_is_refused_untouched(self):
-        text = self.original[:self.original.rfind("\n\t<rt_info>\n")] + "\n</net>\n"
-        self.xml.write_text(text)
-        with self.assertRaisesRegex(RuntimeError, "no model rt_info"):
-            fixtures.write_runtime_options(self.xml, {"KV_CACHE_PRECISION": "u8"})
-        self.assertEqual(self.xml.read_text(), text)
-
 
 class Q4_1Weights(unittest.TestCase):
     def test_smollm2_weights_are_the_ggufs_own_values(self):
