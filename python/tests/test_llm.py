@@ -1,3 +1,4 @@
+import asyncio
 import ctypes
 import gc
 import os
@@ -55,6 +56,28 @@ def test_a_long_stream_ends_when_it_is_left(llm):
     for call in (llm.generate, llm.stream):
         with pytest.raises(ValueError, match="the model is closed"):
             call(PROMPT)
+
+
+def test_awaited_calls_answer_alike_and_a_cancelled_task_leaves_the_model_idle(llm):
+    async def main():
+        text = await llm.agenerate(PROMPT)
+        assert text == llm.generate(PROMPT) == await llm.astream(PROMPT).text()
+        llm.config.update(ignore_eos=True, max_new_tokens=50000)  # a minute or more when not cancelled
+        start = time.monotonic()
+        async with llm.astream(PROMPT) as stream:
+            async for _ in stream:
+                break
+        assert not stream_threads()
+        for work in (llm.agenerate(PROMPT), llm.astream(PROMPT).text()):
+            task = asyncio.ensure_future(work)
+            await asyncio.sleep(0.3)
+            task.cancel()
+            with pytest.raises(asyncio.CancelledError):
+                await task
+            assert not stream_threads()
+        llm.config["max_new_tokens"] = 2
+        assert await llm.agenerate("Hi") and time.monotonic() - start < 20  # nothing left running
+    asyncio.run(main())
 
 
 def test_failures_carry_the_library_status_and_message(library, models, llm, tmp_path):

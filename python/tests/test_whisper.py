@@ -1,3 +1,4 @@
+import asyncio
 import ctypes
 
 import numpy as np
@@ -60,6 +61,6 @@ def test_language_and_task_go_back_to_detection_with_everything_else_kept(whispe
     assert whisper.config["max_new_tokens"] == 8 and whisper.config["max_initial_timestamp_index"] == 7
     assert whisper.config["max_length"] == 2**64 - 1
     assert whisper.suppress_tokens == [7, 7, 1] and whisper.lang_to_id == languages
-    assert isinstance(whisper.transcribe(SILENCE), str)
+    assert asyncio.run(whisper.atranscribe(SILENCE)) == whisper.transcribe(SILENCE)
     pytest.raises(KeyError, whisper.config.__delitem__, "language")
     pytest.raises(TypeError, whisper.config.__delitem__, "max_length")

@@ -18,6 +18,7 @@ import os
 
 from . import _abi
 from ._abi import DEFAULT_DEVICE, Status
+from ._aio import AsyncTextStream
 from ._library import LIBRARY_FILE, Library, find_library, load_library
 from ._model import encode
 from ._settings import DEVICES
@@ -28,8 +29,8 @@ from .llm import DEFAULT_CONTEXT_LENGTH, LlmModel, TextStream
 from .whisper import SAMPLE_RATE, WhisperModel, read_audio
 
 __all__ = ["__version__", "DEFAULT_CONTEXT_LENGTH", "DEFAULT_DEVICE", "DEVICES", "LIBRARY_FILE", "SAMPLE_RATE",
-           "Config", "Library", "LlmModel", "PropertyError", "Status", "TextStream", "VelmoraError", "WhisperModel",
-           "compile_model", "find_library", "load_library", "read_audio"]
+           "AsyncTextStream", "Config", "Library", "LlmModel", "PropertyError", "Status", "TextStream", "VelmoraError",
+           "WhisperModel", "compile_model", "find_library", "load_library", "read_audio"]
 
 
 def compile_model(model_dir: str | os.PathLike[str], device: str | int = DEFAULT_DEVICE,

@@ -9,7 +9,8 @@ import threading
 from collections.abc import Iterable, Iterator, Mapping
 from typing import TYPE_CHECKING, Any, Literal, overload
 
-from . import _abi, _settings
+from . import _abi, _aio, _settings
+from ._aio import AsyncTextStream
 from ._library import Library, load_library
 from ._model import Model, _HeldInterrupt, decode, encode, id_array, model_path, take_ids, take_text
 from .config import LLM_SETTINGS, Config
@@ -57,6 +58,21 @@ class LlmModel(Model):
         """Iterates over the pieces of text as they are generated (see
         TextStream). Leaving the loop early cancels the generation."""
         return TextStream(self, prompt)
+
+    async def agenerate(self, prompt: str) -> str:
+        """generate() for asyncio, on a worker thread. Cancelling the awaiting
+        task cancels the generation; CancelledError comes once it has stopped."""
+        return await _aio.run(self, self.generate, prompt)
+
+    def astream(self, prompt: str) -> AsyncTextStream:
+        """stream() for `async for`; leaving an `async with` block over it, or
+        cancelling the task that awaits a piece, ends the generation."""
+        return AsyncTextStream(self, lambda: self.stream(prompt))
+
+    async def achat(self, messages: Messages) -> str:
+        """chat() for asyncio, like agenerate(); to stream the answer, use
+        astream(chat_prompt(messages))."""
+        return await _aio.run(self, self.chat, messages)
 
     @overload
     def chat(self, messages: Messages, *, stream: Literal[False] = False) -> str: ...

@@ -8,7 +8,7 @@ from collections.abc import Iterable, Mapping
 import numpy as np
 import numpy.typing as npt
 
-from . import _abi
+from . import _abi, _aio
 from ._library import Library, load_library
 from ._model import Model, _HeldInterrupt, decode, encode, model_path, take_text
 from .config import SIZE, WHISPER_SETTINGS, Config
@@ -93,6 +93,16 @@ class WhisperModel(Model):
         with self._using() as handle:
             self._run("QueryModel", self._api.QueryModel, handle, pointer, block.size, ctypes.byref(out))
         return take_text(out, self._api.FreeQueryResult).decode("utf-8", "replace")
+
+    async def atranscribe(self, audio: npt.ArrayLike) -> str:
+        """transcribe() for asyncio, on a worker thread. Cancelling the
+        awaiting task cancels the transcription; CancelledError comes once it
+        has stopped."""
+        return await _aio.run(self, self.transcribe, audio)
+
+    async def atranscribe_file(self, path: str | os.PathLike[str]) -> str:
+        """transcribe_file() for asyncio, like atranscribe()."""
+        return await _aio.run(self, self.transcribe_file, path)
 
     def transcribe_file(self, path: str | os.PathLike[str]) -> str:
         """The text of an audio file in any common format, rate and channel
