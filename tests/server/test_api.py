@@ -17,7 +17,7 @@ CHAT = [{"role": "user", "content": "What is the capital of France?"}]
 @pytest.fixture(scope="module")
 def server(serve, models):
     with serve("--llm", models / "tiny-llm", "--whisper", f"speech={models / 'whisper-base'}", "--context", 64,
-               "--max-body-mb", 1, "--api-key", "sesame") as (url, _):
+               "--max-body-mb", 1, "--api-key", "sesame", "--cors-origin", "http://app.test") as (url, _):
         yield url
 
 
@@ -52,6 +52,15 @@ def test_answers_match_the_package(client, direct):
     assert completion.choices[0].text == direct.generate("Once upon a time")
     assert completion.usage.prompt_tokens == len(direct.tokenize("Once upon a time"))
     assert completion.choices[0].finish_reason == "length"  # the random model does not end by itself
+
+
+def test_pages_of_the_given_origin_may_call_it(server):
+    asked = {"Origin": "http://app.test", "Access-Control-Request-Method": "POST",
+             "Access-Control-Request-Headers": "authorization,content-type"}
+    preflight = httpx.options(server + "/v1/chat/completions", headers=asked)
+    assert preflight.status_code == 200 and preflight.headers["access-control-allow-origin"] == "http://app.test"
+    elsewhere = httpx.options(server + "/v1/chat/completions", headers={**asked, "Origin": "http://other.test"})
+    assert elsewhere.status_code == 400 and "access-control-allow-origin" not in elsewhere.headers
 
 
 def test_raw_event_stream(server):

@@ -21,6 +21,7 @@ import numpy as np
 from anyio import to_thread
 from fastapi import Depends, FastAPI, File, Form, Request, UploadFile
 from fastapi.exceptions import RequestValidationError
+from fastapi.middleware.cors import CORSMiddleware
 from fastapi.responses import HTMLResponse, JSONResponse, PlainTextResponse, Response
 from prometheus_client import CONTENT_TYPE_LATEST, CollectorRegistry, generate_latest
 from sse_starlette import EventSourceResponse
@@ -53,6 +54,7 @@ class Options:
     max_body_bytes: int = 25 * 2**20
     timeout: float = 600.0       # seconds one generation or transcription may run
     library: str | None = None
+    cors_origins: list[str] = field(default_factory=list)  # pages on other origins that may call the API
 
 
 class ApiError(Exception):
@@ -181,6 +183,9 @@ def create_app(options: Options, on_load_failure: Callable[[], None] = lambda: N
     app = FastAPI(title="velmora", lifespan=lifespan, docs_url=None, redoc_url=None)
     app.add_middleware(_BodyLimit, limit=options.max_body_bytes)
     app.add_middleware(metrics.middleware)
+    if options.cors_origins:  # outermost: a browser's preflight carries no API key
+        app.add_middleware(CORSMiddleware, allow_origins=options.cors_origins, allow_methods=["GET", "POST"],
+                           allow_headers=["Authorization", "Content-Type"])
 
     @app.exception_handler(ApiError)
     async def api_error(request: Request, error: ApiError) -> JSONResponse:

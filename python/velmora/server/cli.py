@@ -40,6 +40,8 @@ def parser() -> argparse.ArgumentParser:
     p.add_argument("--queue", type=int, default=8,
                    help="requests that may wait per model; past it the answer is 503 (default 8)")
     p.add_argument("--api-key", help="bearer token every /v1 and /metrics request must carry")
+    p.add_argument("--cors-origin", action="append", default=[], metavar="ORIGIN",
+                   help="a web page origin whose scripts may call the API (repeatable; * for any)")
     p.add_argument("--max-body-mb", type=float, default=25, help="largest request body in MiB (default 25)")
     p.add_argument("--timeout", type=float, default=600,
                    help="seconds a generation or transcription may run (default 600)")
@@ -77,7 +79,7 @@ def main(argv: list[str] | None = None) -> None:
     options = Options(llm=_models(a.llm, p, "--llm"), whisper=_models(a.whisper, p, "--whisper"), device=a.device,
                       context=a.context, max_tokens=a.max_tokens, parallel=a.parallel, queue=a.queue,
                       api_key=a.api_key, max_body_bytes=int(a.max_body_mb * 2**20), timeout=a.timeout,
-                      library=a.library)
+                      library=a.library, cors_origins=a.cors_origin)
     failed: list[bool] = []
 
     def stop() -> None:
