@@ -148,6 +148,12 @@ static class Tests
             using (var soon = new CancellationTokenSource(TimeSpan.FromMilliseconds(1)))
                 Throws<OperationCanceledException>(() => model.Generate(Prompt, soon.Token), "cancelled at the start");
             That(model.Tokenize(queried).Length < Long / 2 && Count("FreeQueryResult") == 1, "stopped early and released");
+            using (var soon = new CancellationTokenSource(TimeSpan.FromMilliseconds(300)))
+            {
+                Task<string> task = model.GenerateAsync(Prompt, soon.Token);
+                Throws<OperationCanceledException>(() => task.GetAwaiter().GetResult(), "awaited");
+                That(task.IsCanceled && model.Tokenize(queried).Length < Long / 2, "a cancelled task, stopped early");
+            }
 
             // Left to their finalizers, an enumerator stops its generation and a model ends.
             delivered = 0;
@@ -257,6 +263,7 @@ static class Tests
             model.Settings.Set("max_new_tokens", 400L);  // the random model never ends on its own
             var silence = new float[16000];
             string full = model.Transcribe(silence);
+            Equal(full, model.TranscribeAsync(silence).Result, "awaited");
             using (var source = new CancellationTokenSource(TimeSpan.FromMilliseconds(100)))
                 Throws<OperationCanceledException>(() => model.Transcribe(silence, source.Token), "cancelled");
             That(queried.Length < full.Length, "stopped with " + queried.Length + " of " + full.Length + " characters");

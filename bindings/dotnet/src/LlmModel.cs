@@ -3,6 +3,7 @@ using System;
 using System.Collections.Generic;
 using System.Runtime.InteropServices;
 using System.Threading;
+using System.Threading.Tasks;
 
 namespace Velmora
 {
@@ -43,6 +44,14 @@ namespace Velmora
             string result = Text.TakeText(text, api.FreeQueryResult);
             cancellationToken.ThrowIfCancellationRequested();
             return result;
+        }
+
+        /// <summary><see cref="Generate"/> on a thread-pool thread, so that a UI or server thread goes on;
+        /// a cancelled token ends the task as cancelled once the generation has stopped.</summary>
+        public Task<string> GenerateAsync(string prompt, CancellationToken cancellationToken = default(CancellationToken))
+        {
+            Prompt(prompt);  // a bad prompt throws here, not from the task
+            return Task.Run(() => Generate(prompt, cancellationToken), cancellationToken);
         }
 
         static byte[] Prompt(string prompt)

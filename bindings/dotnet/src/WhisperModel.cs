@@ -5,6 +5,7 @@ using System.Collections.ObjectModel;
 using System.Runtime.ExceptionServices;
 using System.Runtime.InteropServices;
 using System.Threading;
+using System.Threading.Tasks;
 
 namespace Velmora
 {
@@ -50,6 +51,13 @@ namespace Velmora
             string result = Text.TakeText(text, api.FreeQueryResult);
             cancellationToken.ThrowIfCancellationRequested();
             return result;
+        }
+
+        /// <summary><see cref="Transcribe"/> on a thread-pool thread, so that a UI or server thread goes
+        /// on; a cancelled token ends the task as cancelled once the transcription has stopped.</summary>
+        public Task<string> TranscribeAsync(float[] samples, CancellationToken cancellationToken = default(CancellationToken))
+        {
+            return Task.Run(() => Transcribe(samples, cancellationToken), cancellationToken);
         }
 
         // The runtime checks these two only when transcribing.
