@@ -77,6 +77,16 @@ def test_awaited_calls_answer_alike_and_a_cancelled_task_leaves_the_model_idle(l
             assert not stream_threads()
         llm.config["max_new_tokens"] = 2
         assert await llm.agenerate("Hi") and time.monotonic() - start < 20  # nothing left running
+        llm.config["max_new_tokens"] = 2000  # about two seconds
+        full = llm.generate(PROMPT)
+        running = asyncio.ensure_future(llm.agenerate(PROMPT))
+        await asyncio.sleep(0.2)
+        waiting = asyncio.ensure_future(llm.agenerate(PROMPT))
+        await asyncio.sleep(0.2)
+        waiting.cancel()  # its own call only, not the one it waits for
+        assert await running == full
+        with pytest.raises(asyncio.CancelledError):
+            await waiting
     asyncio.run(main())
 
 

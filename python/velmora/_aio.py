@@ -4,37 +4,43 @@ work and waits for it to stop: the model is idle when CancelledError arrives."""
 from __future__ import annotations
 
 import asyncio
-import functools
+import threading
 from collections.abc import AsyncIterator, Callable
 from typing import TYPE_CHECKING, Any, TypeVar
 
 if TYPE_CHECKING:
     from typing_extensions import Self  # typing's own from Python 3.11
 
-    from ._model import Model
     from .llm import TextStream
 
 T = TypeVar("T")
 _END = object()
 
 
-async def run(model: Model, call: Callable[..., T], *args: Any,
+async def run(call: Callable[..., T], *args: Any, stop: Callable[[int], None],
               undo: Callable[[T], object] | None = None) -> T:
-    """`call(*args)` on a worker thread. Cancelled, it cancels the model until
-    the call has returned (one that lands before the work starts is forgotten
-    by it) and hands what the call made to `undo`."""
-    work = asyncio.get_running_loop().run_in_executor(None, functools.partial(call, *args))
+    """`call(*args)` on a worker thread. Cancelled, it calls `stop` with the
+    worker's thread id until the call has returned (a cancel that lands before
+    the work starts is forgotten by it) and hands what the call made to `undo`."""
+    worker: list[int] = []
+
+    def work() -> T:
+        worker.append(threading.get_ident())
+        return call(*args)
+
+    done = asyncio.get_running_loop().run_in_executor(None, work)
     try:
-        return await asyncio.shield(work)
+        return await asyncio.shield(done)
     except asyncio.CancelledError:
-        while not work.done():
-            model.cancel()
+        while not done.done():
+            if worker:
+                stop(worker[0])
             try:
-                await asyncio.wait({work}, timeout=0.02)
+                await asyncio.wait({done}, timeout=0.02)
             except asyncio.CancelledError:  # cancelled again: still wait for the work
                 pass
-        if work.exception() is None and undo is not None:
-            await asyncio.get_running_loop().run_in_executor(None, undo, work.result())
+        if done.exception() is None and undo is not None:
+            await asyncio.get_running_loop().run_in_executor(None, undo, done.result())
         raise
 
 
@@ -42,8 +48,8 @@ class AsyncTextStream(AsyncIterator[str]):
     """A TextStream for `async for`. Leaving an `async with` block, aclose(),
     or cancelling the task that awaits a piece ends the generation."""
 
-    def __init__(self, model: Model, start: Callable[[], TextStream]):
-        self._model, self._start = model, start
+    def __init__(self, start: Callable[[], TextStream]):
+        self._start = start
         self._stream: TextStream | None = None
 
     def __aiter__(self) -> Self:
@@ -51,9 +57,10 @@ class AsyncTextStream(AsyncIterator[str]):
 
     async def __anext__(self) -> str:
         if self._stream is None:
-            self._stream = await run(self._model, self._start, undo=lambda stream: stream.close())
+            self._stream = await run(self._start, stop=lambda worker: None, undo=lambda stream: stream.close())
+        stream = self._stream
         try:
-            piece: str | object = await run(self._model, next, self._stream, _END)
+            piece: str | object = await run(next, stream, _END, stop=lambda worker: stream.cancel())
         except asyncio.CancelledError:
             await self.aclose()
             raise

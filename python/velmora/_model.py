@@ -153,6 +153,10 @@ class Model:
         # several threads on one model are serialized here. Not re-entrant:
         # a stream's worker releases what its consumer took.
         self._lock = threading.Lock()
+        # Who holds the handle for a run (a calling thread's id, or a stream's
+        # token), so that an abandoned awaited call cancels its own work only.
+        self._holder: object = None
+        self._holder_lock = threading.Lock()
         # Unfinished streams; every new call ends them first, so that one left
         # early (and still referenced) never makes the model wait for it.
         self._streams: weakref.WeakSet[_Stream] = weakref.WeakSet()
@@ -180,7 +184,21 @@ class Model:
         for stream in list(self._streams):
             stream.close()
         with self._lock:
-            yield self.handle
+            self._hold(threading.get_ident())
+            try:
+                yield self.handle
+            finally:
+                self._hold(None)
+
+    def _hold(self, holder: object) -> None:
+        with self._holder_lock:
+            self._holder = holder
+
+    def _cancel_for(self, holder: object) -> None:
+        """cancel(), if `holder` holds the handle: never another caller's run."""
+        with self._holder_lock:
+            if holder is not None and self._holder == holder:
+                self.cancel()
 
     def _run(self, operation: str, slot: Callable[..., int], *args: Any) -> None:
         """One long slot call (a generation, a transcription). On the main

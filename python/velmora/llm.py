@@ -62,17 +62,17 @@ class LlmModel(Model):
     async def agenerate(self, prompt: str) -> str:
         """generate() for asyncio, on a worker thread. Cancelling the awaiting
         task cancels the generation; CancelledError comes once it has stopped."""
-        return await _aio.run(self, self.generate, prompt)
+        return await _aio.run(self.generate, prompt, stop=self._cancel_for)
 
     def astream(self, prompt: str) -> AsyncTextStream:
         """stream() for `async for`; leaving an `async with` block over it, or
         cancelling the task that awaits a piece, ends the generation."""
-        return AsyncTextStream(self, lambda: self.stream(prompt))
+        return AsyncTextStream(lambda: self.stream(prompt))
 
     async def achat(self, messages: Messages) -> str:
         """chat() for asyncio, like agenerate(); to stream the answer, use
         astream(chat_prompt(messages))."""
-        return await _aio.run(self, self.chat, messages)
+        return await _aio.run(self.chat, messages, stop=self._cancel_for)
 
     @overload
     def chat(self, messages: Messages, *, stream: Literal[False] = False) -> str: ...
@@ -192,6 +192,7 @@ def _stream_worker(model: LlmModel, handle: ctypes.c_void_p, data: bytes, callba
     except BaseException as error:  # handed to the consumer
         end = _Failed(error)
     finally:
+        model._hold(None)
         model._lock.release()
     pieces.put(end)
 
@@ -218,6 +219,7 @@ class TextStream(Iterator[str]):
         model.handle  # noqa: B018 - a closed model says so here, not from the worker
         self._pieces: queue.SimpleQueue[_Piece] = queue.SimpleQueue()
         self._stop = stop = threading.Event()
+        self._token = object()  # what the model knows the running stream by (not the stream: it is collectable)
         pieces = self._pieces
 
         def on_text(piece: bytes) -> int:
@@ -232,12 +234,14 @@ class TextStream(Iterator[str]):
         with _HeldInterrupt() as held:
             # Held from here until StreamModel returns, released by the worker.
             model._lock.acquire()
+            model._hold(self._token)
             try:
                 handle = model.handle
                 self._worker = threading.Thread(target=_stream_worker, name="velmora-stream", daemon=True,
                                                 args=(model, handle, data, self._callback, pieces))
                 self._worker.start()
             except BaseException:
+                model._hold(None)
                 model._lock.release()
                 raise
             self._finished = False
@@ -273,14 +277,17 @@ class TextStream(Iterator[str]):
         """Consumes the rest of the stream and returns it joined."""
         return "".join(self)
 
+    def cancel(self) -> None:
+        """Asks the generation to stop, from any thread, without waiting."""
+        self._stop.set()
+        self._model._cancel_for(self._token)
+
     def close(self) -> None:
         """Stops the generation if it still runs and waits for the worker."""
         if self._finished:
             return
         with _HeldInterrupt() as held:
-            self._stop.set()
-            if self._worker.is_alive():
-                self._model.cancel()
+            self.cancel()
             self._finish()
         held.finish()
 

@@ -98,11 +98,11 @@ class WhisperModel(Model):
         """transcribe() for asyncio, on a worker thread. Cancelling the
         awaiting task cancels the transcription; CancelledError comes once it
         has stopped."""
-        return await _aio.run(self, self.transcribe, audio)
+        return await _aio.run(self.transcribe, audio, stop=self._cancel_for)
 
     async def atranscribe_file(self, path: str | os.PathLike[str]) -> str:
         """transcribe_file() for asyncio, like atranscribe()."""
-        return await _aio.run(self, self.transcribe_file, path)
+        return await _aio.run(self.transcribe_file, path, stop=self._cancel_for)
 
     def transcribe_file(self, path: str | os.PathLike[str]) -> str:
         """The text of an audio file in any common format, rate and channel
