@@ -106,7 +106,10 @@ def test_bad_input_gets_the_error_object(client, server, tmp_path):
     with pytest.raises(openai.NotFoundError):
         client.models.retrieve("gpt-4")
     assert refused(openai.BadRequestError, messages=[]).param == "messages"
-    assert refused(openai.BadRequestError, n=2).param == "n"
+    assert "n: only n=1 is supported" in refused(openai.BadRequestError, n=2).message
+    # Ignored, these would change what the answer means.
+    assert refused(openai.BadRequestError, tools=[{"type": "function", "function": {"name": "f"}}]).param == "tools"
+    assert refused(openai.BadRequestError, response_format={"type": "json_object"}).param == "response_format.type"
     assert refused(openai.BadRequestError, max_tokens=-1).param == "max_tokens"
     assert refused(openai.BadRequestError, max_tokens=10**12).code == "context_length_exceeded"
     long = [{"role": "user", "content": "word " * 200}]
@@ -128,7 +131,7 @@ def test_bad_input_gets_the_error_object(client, server, tmp_path):
     # Still serving, and every refusal counted.
     assert client.chat.completions.create(model="tiny-llm", messages=CHAT, max_tokens=2).choices[0].message.content
     metrics = httpx.get(server + "/metrics", headers=auth).text
-    assert 'velmora_requests_total{endpoint="/v1/chat/completions",status="400"} 8.0' in metrics
+    assert 'velmora_requests_total{endpoint="/v1/chat/completions",status="400"} 10.0' in metrics
     assert 'velmora_queue_depth{model="tiny-llm"} 0.0' in metrics
 
 

@@ -198,7 +198,8 @@ def create_app(options: Options, on_load_failure: Callable[[], None] = lambda: N
         if first.get("type") == "json_invalid":
             return ApiError(400, f"the body is not valid JSON: {first.get('ctx', {}).get('error', '')}").response()
         param = ".".join(where) or None
-        return ApiError(400, f"{param or 'body'}: {first['msg']}", param=param, code="invalid_value").response()
+        message = first["msg"].removeprefix("Value error, ")  # the validator's own sentence
+        return ApiError(400, f"{param or 'body'}: {message}", param=param, code="invalid_value").response()
 
     @app.exception_handler(HTTPException)
     async def http_error(request: Request, error: HTTPException) -> JSONResponse:

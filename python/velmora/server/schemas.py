@@ -1,11 +1,13 @@
 """Request bodies as the OpenAI API defines them. Strict: a string where a
 number belongs is refused rather than converted. Fields the server does not
-use are ignored, as clients send many."""
+use are ignored, as clients send many, except those whose request, ignored,
+would change what the answer means (tool calls, a JSON answer, log
+probabilities, token biases): these are refused."""
 from __future__ import annotations
 
-from typing import Literal
+from typing import Any, Literal
 
-from pydantic import BaseModel, ConfigDict, Field, field_validator
+from pydantic import BaseModel, ConfigDict, Field, ValidationInfo, field_validator
 
 
 class _Body(BaseModel):
@@ -43,6 +45,15 @@ class Sampling(_Body):
     n: int = 1
     stream: bool = False
     stream_options: StreamOptions | None = None
+    logprobs: bool | int | None = None
+    logit_bias: dict[str, float] | None = None
+
+    @field_validator("logprobs", "logit_bias")
+    @classmethod
+    def _not_offered(cls, value: object, info: ValidationInfo) -> object:
+        if value:  # None, false, 0 and {} ask for nothing
+            raise ValueError(f"{info.field_name} is not supported: the answer is text alone")
+        return value
 
     @field_validator("n")
     @classmethod
@@ -65,9 +76,31 @@ class Sampling(_Body):
         return self.max_tokens
 
 
+class ResponseFormat(_Body):
+    type: Literal["text"]
+
+
 class ChatRequest(Sampling):
     messages: list[Message] = Field(min_length=1)
     max_completion_tokens: int | None = Field(None, ge=1)
+    response_format: ResponseFormat | None = None
+    tool_choice: str | dict[str, Any] | None = None
+    tools: list[dict[str, Any]] | None = None
+
+    @field_validator("tool_choice")
+    @classmethod
+    def _no_forced_call(cls, choice: str | dict[str, Any] | None) -> object:
+        if isinstance(choice, dict) or choice == "required":
+            raise ValueError("tool calls are not supported: the models answer in text alone")
+        return choice
+
+    @field_validator("tools")
+    @classmethod
+    def _no_tools(cls, tools: list[dict[str, Any]] | None, info: ValidationInfo) -> object:
+        if tools and info.data.get("tool_choice") != "none":  # tools the model may not call ask for nothing
+            raise ValueError("tool calls are not supported: the models answer in text alone (or send tool_choice "
+                             "\"none\")")
+        return tools
 
     def token_limit(self) -> int | None:
         return self.max_completion_tokens if self.max_completion_tokens is not None else self.max_tokens
@@ -75,6 +108,9 @@ class ChatRequest(Sampling):
 
 class CompletionRequest(Sampling):
     prompt: str | list[str]
+    echo: Literal[False] = False
+    suffix: None = None
+    best_of: Literal[1] = 1
 
     @field_validator("prompt")
     @classmethod
