@@ -186,3 +186,15 @@ def test_ctrl_c_at_any_moment_leaves_the_model_idle(llm, monkeypatch, run):
             timer.cancel()
         llm.config["max_new_tokens"] = 2
         assert not stream_threads() and llm.generate("Hi")
+
+
+def test_the_chat_command_goes_on_after_ctrl_c_stops_an_answer(library, models):
+    command = [sys.executable, "-m", "velmora", "chat", "--model", models / "tiny-llm", "--library", library.path,
+               "--context", "50000", "--set", "ignore_eos=true"]  # a minute or more when not stopped
+    with subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE) as chat:
+        chat.stdin.write(b"Hello\n")
+        chat.stdin.flush()
+        chat.stdout.read(20)  # answering
+        chat.send_signal(signal.SIGINT)
+        out, err = chat.communicate(b"/reset\n", timeout=30)
+    assert chat.returncode == 0 and b"(stopped)" in err and err.endswith(b"(the conversation starts anew)\n")

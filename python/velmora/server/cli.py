@@ -51,13 +51,8 @@ def parser() -> argparse.ArgumentParser:
 
 
 def main(argv: list[str] | None = None) -> None:
-    args = list(sys.argv[1:] if argv is None else argv)
-    if os.path.basename(sys.argv[0]) == "velmora" and argv is None:
-        if not args or args[0] != "serve":
-            sys.exit("usage: velmora serve [OPTIONS]  (velmora serve --help lists them)")
-        args = args[1:]
     p = parser()
-    a = p.parse_args(args)
+    a = p.parse_args(argv)
     for option, value in (("--parallel", a.parallel), ("--context", a.context), ("--max-tokens", a.max_tokens)):
         if value < 1:
             p.error(f"{option} takes a count of 1 or more, not {value}")
