@@ -188,13 +188,20 @@ def test_ctrl_c_at_any_moment_leaves_the_model_idle(llm, monkeypatch, run):
         assert not stream_threads() and llm.generate("Hi")
 
 
-def test_the_chat_command_goes_on_after_ctrl_c_stops_an_answer(library, models):
-    command = [sys.executable, "-m", "velmora", "chat", "--model", models / "tiny-llm", "--library", library.path,
-               "--context", "50000", "--set", "ignore_eos=true"]  # a minute or more when not stopped
-    with subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE) as chat:
+def test_the_chat_command_goes_on_after_ctrl_c_a_failed_turn_and_a_long_conversation(library, models):
+    command = [sys.executable, "-m", "velmora", "chat", "--model", models / "tiny-llm", "--library", library.path]
+    long = ["--context", "50000", "--set", "ignore_eos=true"]  # a minute or more when not stopped
+    with subprocess.Popen(command + long, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE) as chat:
         chat.stdin.write(b"Hello\n")
         chat.stdin.flush()
         chat.stdout.read(20)  # answering
         chat.send_signal(signal.SIGINT)
         out, err = chat.communicate(b"/reset\n", timeout=30)
     assert chat.returncode == 0 and b"(stopped)" in err and err.endswith(b"(the conversation starts anew)\n")
+
+    def answers(lines, *args):
+        return subprocess.run(command + ["--context", "8", *args], input=lines, capture_output=True, text=True)
+    # Past --keep tokens the oldest exchange is left out: the last answer is as if asked first.
+    assert answers("Hello\nThere\n", "--keep", "1").stdout.split("\n")[1] == answers("There\n").stdout[:-1]
+    failed = answers("Hello\nThere\n", "--set", "num_return_sequences=3")
+    assert failed.returncode == 1 and failed.stderr.count("velmora chat: StreamModel failed with status 1") == 2

@@ -59,11 +59,14 @@ def chat(argv: list[str]) -> int:
     p.add_argument("--system", help="the system message that starts every conversation")
     p.add_argument("--context", type=int, default=DEFAULT_CONTEXT_LENGTH,
                    help=f"most tokens of an answer (default {DEFAULT_CONTEXT_LENGTH})")
+    p.add_argument("--keep", type=int, default=2048, metavar="TOKENS",
+                   help="most tokens of conversation sent with a turn; older turns are left out (default 2048)")
     args = p.parse_args(argv)
-    start: Messages = [{"role": "system", "content": args.system}] if args.system else []
+    start: list[dict[str, str]] = [{"role": "system", "content": args.system}] if args.system else []
     interactive = sys.stdin.isatty()
     if interactive:
         import readline  # noqa: F401  (line editing and recall for input())
+    failed = 0
     with LlmModel(args.model, args.device, args.context, library=args.library) as model:
         for name, value in args.set:
             model.config[name] = value
@@ -78,10 +81,18 @@ def chat(argv: list[str]) -> int:
                 print("(the conversation starts anew)", file=sys.stderr)
             elif line:
                 history.append({"role": "user", "content": line})
-                history.append({"role": "assistant", "content": _answer(model, history)})
+                # The oldest exchanges go first; the system message and this turn stay.
+                while len(history) > len(start) + 1 and len(model.tokenize(model.chat_prompt(history))) > args.keep:
+                    del history[len(start):len(start) + 2]
+                try:
+                    history.append({"role": "assistant", "content": _answer(model, history)})
+                except VelmoraError as refused:  # this turn only: the conversation goes on without it
+                    print(f"velmora chat: {refused}", file=sys.stderr)
+                    history.pop()
+                    failed += 1
     if interactive:
         print()
-    return 0
+    return 1 if failed else 0
 
 
 def _answer(model: LlmModel, history: Messages) -> str:
@@ -93,6 +104,10 @@ def _answer(model: LlmModel, history: Messages) -> str:
             print(piece, end="", flush=True)
     except KeyboardInterrupt:  # the generation has stopped: the model is idle
         print(" (stopped)", end="", file=sys.stderr)
+    except VelmoraError:
+        if pieces:
+            print()
+        raise
     print()
     return "".join(pieces)
 
