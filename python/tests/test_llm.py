@@ -117,6 +117,10 @@ def test_failures_carry_the_library_status_and_message(library, models, llm, tmp
             call()
     llm.stop_token_ids = [llm.config["eos_token_id"], 5]
     llm.config["eos_token_id"] = 5
+    llm.chat_prompt([{"role": "user", "content": "Hi"}])  # a template of its own that refuses every conversation:
+    llm._tokenizer.set_chat_template("{{ raise_exception('Conversation roles must alternate') }}")
+    with pytest.raises(ValueError, match="^the model's chat template refused these messages: Conversation roles"):
+        llm.chat([{"role": "assistant", "content": "Hi"}])
 
     # CompileModel reports only through an earlier InitModel's pair, which
     # this process already has: a fresh one shows the package hands it over.

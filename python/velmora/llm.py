@@ -5,6 +5,7 @@ import codecs
 import ctypes
 import os
 import queue
+import re
 import threading
 from collections.abc import Iterable, Iterator, Mapping
 from typing import TYPE_CHECKING, Any, Literal, overload
@@ -109,7 +110,12 @@ class LlmModel(Model):
             import openvino_genai
 
             self._tokenizer = openvino_genai.Tokenizer(self._model_dir)
-        prompt: str = self._tokenizer.apply_chat_template([dict(m) for m in listed], add_generation_prompt=True)
+        try:
+            prompt: str = self._tokenizer.apply_chat_template([dict(m) for m in listed], add_generation_prompt=True)
+        except RuntimeError as refused:  # a template may refuse roles out of turn or a system message
+            reason = re.search(r"Minja's error: (.*?)(?: at row \d|\n|$)", str(refused))
+            raise ValueError("the model's chat template refused these messages: "
+                             f"{reason[1] if reason else str(refused).strip().splitlines()[-1]}") from refused
         return prompt
 
     def tokenize(self, text: str) -> list[int]:

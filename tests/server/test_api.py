@@ -114,6 +114,11 @@ def test_bad_input_gets_the_error_object(client, server, tmp_path):
     assert refused(openai.BadRequestError, max_tokens=10**12).code == "context_length_exceeded"
     long = [{"role": "user", "content": "word " * 200}]
     assert refused(openai.BadRequestError, messages=long).param == "messages"
+    assert refused(openai.BadRequestError, messages=[{"role": "user", "content": "a\0b"}]).param == "messages"
+    picture = [{"role": "user", "content": [{"type": "image_url", "image_url": {"url": "data:,"}}]}]
+    assert refused(openai.BadRequestError, messages=picture).param == "messages.0.content"
+    with pytest.raises(openai.BadRequestError, match="the prompt is empty"):
+        client.completions.create(model="tiny-llm", prompt="", max_tokens=2)
     assert refused(openai.BadRequestError, seed=-1).message.endswith("rng_seed takes an int from 0 to 2147483647, not -1")
     # The runtime's own words for a value it refuses.
     assert "temperature must be a strictly positive float" in refused(openai.BadRequestError, temperature=-1).message
@@ -131,7 +136,7 @@ def test_bad_input_gets_the_error_object(client, server, tmp_path):
     # Still serving, and every refusal counted.
     assert client.chat.completions.create(model="tiny-llm", messages=CHAT, max_tokens=2).choices[0].message.content
     metrics = httpx.get(server + "/metrics", headers=auth).text
-    assert 'velmora_requests_total{endpoint="/v1/chat/completions",status="400"} 10.0' in metrics
+    assert 'velmora_requests_total{endpoint="/v1/chat/completions",status="400"} 12.0' in metrics
     assert 'velmora_queue_depth{model="tiny-llm"} 0.0' in metrics
 
 

@@ -246,16 +246,22 @@ def create_app(options: Options, on_load_failure: Callable[[], None] = lambda: N
 
     def start(slot: LlmSlot, body: Sampling, prompt: Callable[[LlmModel], str]) -> _Run:
         model = slot.model
-        text = prompt(model)
-        prompt_tokens = len(model.tokenize(text))
+        given = "messages" if isinstance(body, ChatRequest) else "prompt"
+        try:
+            text = prompt(model)
+            prompt_tokens = len(model.tokenize(text))
+        except ValueError as refused:  # a NUL, a lone surrogate, a conversation the chat template refuses
+            raise ApiError(400, f"{given}: {refused}", param=given, code="invalid_value") from None
+        if prompt_tokens == 0:
+            raise ApiError(400, f"{given}: the prompt is empty; the model needs at least one token to continue from",
+                           param=given, code="invalid_value")
         asked = body.token_limit()
         room = options.context - prompt_tokens
         limit = asked if asked is not None else min(options.max_tokens, room)
         if limit > room or room < 1:
             raise ApiError(400, f"this model's context is {options.context} tokens: the prompt takes {prompt_tokens} "
                            f"and the answer may take {limit}; shorten the prompt or lower max_tokens",
-                           param="max_tokens" if asked is not None and room >= 1 else
-                           ("messages" if isinstance(body, ChatRequest) else "prompt"),
+                           param="max_tokens" if asked is not None and room >= 1 else given,
                            code="context_length_exceeded")
         settings: dict[str, Value] = {"max_new_tokens": limit}
         if body.temperature is not None:

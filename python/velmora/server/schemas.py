@@ -11,7 +11,7 @@ from pydantic import BaseModel, ConfigDict, Field, ValidationInfo, field_validat
 
 
 class _Body(BaseModel):
-    model_config = ConfigDict(strict=True, extra="ignore")
+    model_config = ConfigDict(strict=True, extra="ignore", allow_inf_nan=False)
 
 
 class TextPart(_Body):
@@ -22,6 +22,14 @@ class TextPart(_Body):
 class Message(_Body):
     role: Literal["system", "developer", "user", "assistant", "tool"]
     content: str | list[TextPart] | None = None
+
+    @field_validator("content", mode="before")
+    @classmethod
+    def _text_only(cls, content: object) -> object:
+        for part in content if isinstance(content, list) else ():
+            if isinstance(part, dict) and part.get("type") != "text":
+                raise ValueError(f"only text parts are supported, not {part.get('type')!r}")
+        return content
 
     def text(self) -> str:
         if isinstance(self.content, list):
