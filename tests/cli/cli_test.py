@@ -8,6 +8,7 @@ import subprocess
 import sys
 import tempfile
 import unittest
+import wave
 from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "python"))
@@ -103,7 +104,12 @@ class Host(unittest.TestCase):
     def test_failures_say_what_was_given_and_keep_the_library_message(self):
         missing, tiny_llm = os.path.join(MODELS, "missing"), os.path.join(MODELS, "tiny-llm")
         whisper = ["transcribe", "--model", os.path.join(MODELS, "tiny-whisper")]
+        short = tempfile.NamedTemporaryFile(suffix=".wav")
+        self.addCleanup(short.close)
+        with wave.open(short.name, "wb") as audio:  # 200 samples: the runtime needs one more
+            audio.setparams((1, 2, 16000, 0, "NONE", "")), audio.writeframes(bytes(400))
         for result, line in [
+                (run(*whisper, short.name), f"cannot transcribe '{short.name}': it holds 200 samples at 16 kHz"),
                 (run("--model", missing, PROMPT), f"cannot load model '{missing}': no such directory\n"),
                 # CompileModel has no handle; its message still reaches the host.
                 (run("compile", "--model", MODELS), f"cannot compile model '{MODELS}' for CPU: An exception occurred"),
@@ -114,6 +120,7 @@ class Host(unittest.TestCase):
         # Usage errors: found before any model loads, told in one line and a reminder.
         for args, line in [(["transcibe", "a.wav"], "unknown subcommand 'transcibe'; did you mean 'transcribe'?"),
                            (["--context", "0", PROMPT], "--context takes a number of tokens from 1"),
+                           (["--model", tiny_llm, ""], "the prompt is empty"),
                            (["--set", "bogus=1", PROMPT], "--set bogus: no such LLM setting"),
                            (["--set", "stop_criteria=early", PROMPT], "stop_criteria takes EARLY, HEURISTIC or NEVER"),
                            ([*whisper, "--set", "max_new_tokens=x", SPEECH], "max_new_tokens takes an integer"),

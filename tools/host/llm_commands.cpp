@@ -74,6 +74,8 @@ int RunGenerate(const Options& options, Library& library) {
     const LlmApiBase& api = library.llm();
     std::string prompt = TextOf(options.words);
     if (prompt.empty() && options.words.empty()) prompt = "The three primary colors are";
+    // Found before the model loads: the runtime would refuse it only after.
+    if (prompt.empty() && !options.listSettings) return UsageError("the prompt is empty: give a text to continue");
 
     const LlmModel model = Load(api, options);
     if (model.get() == nullptr || !ApplyLlmOptions(api, model.get(), options)) return kFailed;

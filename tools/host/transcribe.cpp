@@ -46,6 +46,12 @@ int RunTranscribe(const Options& options, Library& library) {
         return Progress::Note(("error: cannot read audio '" + options.words[0] + "': " + error).c_str()), kFailed;
     if (samples.size() > INT32_MAX)
         return Progress::Note("error: the audio is too long for one transcription"), kFailed;
+    if (!options.listSettings && samples.size() < kFewestSamples)
+        return Progress::Note(("error: cannot transcribe '" + options.words[0] + "': it holds " +
+                               std::to_string(samples.size()) + " samples at 16 kHz, fewer than the " +
+                               std::to_string(kFewestSamples) + " the model needs")
+                                  .c_str()),
+               kFailed;
 
     const Model<WhisperApiBase> model(api, options.model, options.device, [&](void** handle) {
         return api.InitModel(options.model.c_str(), options.device, handle, &Library::Callbacks());
