@@ -106,6 +106,9 @@ def test_failures_carry_the_library_status_and_message(library, models, llm, tmp
     assert "Check 'prompt_len > 0' failed at" in failure.value.message
     for call, error, text in [(lambda: llm.generate(42), TypeError, "prompt takes a str, not int"),
                               (lambda: llm.generate(""), ValueError, "prompt is empty"),
+                              (lambda: llm.generate("\ud800"), ValueError, "prompt is not valid text"),
+                              (lambda: velmora.LlmModel(models / "tiny-llm", context_length=2**32, library=library),
+                               ValueError, "context_length takes an int from 1 to 2147483647"),
                               (lambda: llm.stream(""), ValueError, "prompt is empty"),
                               (lambda: llm.chat("hello"), TypeError, "messages takes a list of"),
                               (lambda: llm.chat([("user", "hi")]), TypeError, r"messages\[0\] must be a dict"),
@@ -124,8 +127,8 @@ def test_failures_carry_the_library_status_and_message(library, models, llm, tmp
 
     # CompileModel reports only through an earlier InitModel's pair, which
     # this process already has: a fresh one shows the package hands it over.
-    code = "import sys, velmora; velmora.compile_model(sys.argv[1], 'CPU', 0, library=sys.argv[2])"
-    fresh = subprocess.run([sys.executable, "-c", code, models / "tiny-llm", library.path], capture_output=True,
+    code = "import sys, velmora; velmora.compile_model(sys.argv[1], 'CPU', 8, library=sys.argv[2])"
+    fresh = subprocess.run([sys.executable, "-c", code, models, library.path], capture_output=True,
                            text=True, cwd=velmora.__path__[0] + "/..")
     assert "VelmoraError: CompileModel failed with status 1: An exception occurred while compiling" in fresh.stderr
     velmora.compile_model(models / "tiny-llm", "CPU", 8, library=library)
@@ -138,6 +141,7 @@ def test_config_takes_only_what_a_setting_can_hold(llm):
     for name, value, error in [("do_sample", 1, TypeError), ("top_k", True, TypeError), ("top_k", 2.0, TypeError),
                                ("temperature", "hot", TypeError), ("stop_criteria", 0, TypeError),
                                ("max_new_tokens", -5, ValueError), ("top_k", 2**31, ValueError),
+                               ("temperature", float("nan"), ValueError),
                                ("eos_token_id", -2**31 - 1, ValueError)]:
         with pytest.raises(error, match=f"^{name} takes "):
             llm.config[name] = value

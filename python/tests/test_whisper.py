@@ -38,6 +38,8 @@ def test_language_map_and_suppression_lists_round_trip_and_release(whisper):
     whisper.suppress_tokens = [5, 5, 3]
     whisper.begin_suppress_tokens = []
     assert whisper.suppress_tokens == [5, 5, 3] and whisper.begin_suppress_tokens == []
+    pytest.raises(ValueError, setattr, whisper, "lang_to_id", {"a": 2**64})  # would wrap to 0
+    pytest.raises(FileNotFoundError, whisper.transcribe_file, "missing.wav")
     assert whisper._api.released[-1][0] == "FreeSuppressTokens"
 
     for name, value in [("language", "<|en|>"), ("task", "transcribe it")]:  # the runtime would refuse them later

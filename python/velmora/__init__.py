@@ -42,4 +42,4 @@ def compile_model(model_dir: str | os.PathLike[str], device: str | int = DEFAULT
     lib = load_library(library)
     lib.ensure_llm_reporting()
     lib.call("llm", "CompileModel", lib.llm.CompileModel, encode(os.fspath(model_dir)), _abi.device_type(device),
-             int(context_length))
+             _abi.context_length(context_length))

@@ -102,3 +102,12 @@ def device_type(device: str | int) -> int:
         except KeyError:
             raise ValueError(f"unknown device {device!r}; expected one of {', '.join(DEVICES)}") from None
     return int(device)
+
+
+def context_length(length: int) -> int:
+    """Checked here: the slot takes 32 bits, and a larger value would wrap."""
+    if isinstance(length, bool) or not isinstance(length, int):
+        raise TypeError(f"context_length takes an int, not {type(length).__name__}")
+    if not 1 <= length < 2**31:
+        raise ValueError(f"context_length takes an int from 1 to {2**31 - 1}, not {length}")
+    return length

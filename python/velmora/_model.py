@@ -28,7 +28,10 @@ def encode(text: str | bytes, what: str = "text") -> bytes:
     """`text` as the library's NUL-terminated bytes; `what` names the argument
     in the message when it is not a string or holds a NUL."""
     if isinstance(text, str):
-        data = text.encode("utf-8", "surrogateescape")
+        try:
+            data = text.encode("utf-8", "surrogateescape")
+        except UnicodeEncodeError as bad:
+            raise ValueError(f"{what} is not valid text: {bad.reason} at {bad.start}") from None
     elif isinstance(text, (bytes, bytearray)):
         data = bytes(text)
     else:

@@ -18,6 +18,7 @@ with every other setting and list carried over (as long as a model load) and
 leaves the name as the model's own default, usually absent (detected)."""
 from __future__ import annotations
 
+import math
 from collections.abc import Callable, Iterator, MutableMapping
 from dataclasses import dataclass
 from typing import Protocol
@@ -62,6 +63,8 @@ class Kind:
             return "true" if value else "false"
         if self.low is not None and not self.low <= value <= self.high:  # type: ignore[operator]
             raise ValueError(f"{name} takes {self.accepts}, not {value}")
+        if isinstance(value, float) and not math.isfinite(value):
+            raise ValueError(f"{name} takes a finite number, not {value}")
         if self.choices and value not in self.choices:
             raise ValueError(f"{name} takes {self.accepts}, not {value!r}")
         return value if isinstance(value, str) else repr(value)

@@ -41,7 +41,8 @@ class LlmModel(Model):
         self._model_dir = model_path(model_dir)
         super().__init__(load_library(library))
         self._tokenizer: Any = None
-        self._init(self._api.InitModel, encode(self._model_dir), _abi.device_type(device), int(context_length))
+        self._init(self._api.InitModel, encode(self._model_dir), _abi.device_type(device),
+                   _abi.context_length(context_length))
         self.config = Config(self, LLM_SETTINGS)
 
     def generate(self, prompt: str) -> str:

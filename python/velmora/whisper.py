@@ -10,7 +10,7 @@ import numpy.typing as npt
 
 from . import _abi, _aio
 from ._library import Library, load_library
-from ._model import Model, _HeldInterrupt, decode, encode, model_path, take_text
+from ._model import Model, _HeldInterrupt, decode, encode, id_array, model_path, take_text
 from .config import SIZE, WHISPER_SETTINGS, Config
 
 SAMPLE_RATE = 16000
@@ -53,6 +53,8 @@ def read_audio(path: str | os.PathLike[str]) -> Samples:
     """The samples of an audio file in any format libsndfile reads, mixed
     down to mono and resampled to 16 kHz, as transcribe() takes them.
     Needs the "audio" extra (soundfile and soxr)."""
+    if not os.path.isfile(path):
+        raise FileNotFoundError(f"no such audio file: {os.fspath(path)!r}")
     try:
         import soundfile
         import soxr
@@ -144,10 +146,11 @@ class WhisperModel(Model):
 
     def _write_lang_to_id(self, handle: ctypes.c_void_p, items: list[tuple[str, int]]) -> None:
         keys = [encode(language, "lang_to_id key") for language, _ in items]
+        ids, _ = id_array((token for _, token in items), "lang_to_id ids")
         records = (_abi.LangIdPair * len(items))()
-        for record, key, (_, token) in zip(records, keys, items, strict=True):
+        for record, key, token in zip(records, keys, ids, strict=True):
             record.language = ctypes.cast(ctypes.c_char_p(key), ctypes.c_void_p)
-            record.id = int(token)
+            record.id = token
         self._call("SetLangToId", self._api.SetLangToId, handle, records, len(items))
         del keys  # the records point into these bytes
 
