@@ -198,6 +198,8 @@ static class Tests
                  "typed round trips");
             Thread.CurrentThread.CurrentCulture = CultureInfo.InvariantCulture;
             That(!model.Settings.TryGetValue("seed", out _), "unknown name");
+            Equal(-1L, model.Settings.GetInt64("max_length"), "the unlimited size");
+            Throws<ArgumentOutOfRangeException>(() => model.Settings.Set("temperature", double.NaN), "NaN");
 
             // A message goes to the thread whose call failed, though the other model fails on another
             // thread between this one's message and its return.

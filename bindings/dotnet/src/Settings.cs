@@ -37,12 +37,26 @@ namespace Velmora
             }
         }
 
-        public long GetInt64(string name) { return long.Parse(this[name], NumberStyles.Integer, CultureInfo.InvariantCulture); }
+        /// <summary>A size above <see cref="long.MaxValue"/> reads as the negative number the library
+        /// takes for it: the unlimited 18446744073709551615 as -1, as <c>Set(name, -1L)</c> stores it.</summary>
+        public long GetInt64(string name)
+        {
+            string text = this[name];
+            long value;
+            if (long.TryParse(text, NumberStyles.Integer, CultureInfo.InvariantCulture, out value)) return value;
+            return unchecked((long)ulong.Parse(text, NumberStyles.Integer, CultureInfo.InvariantCulture));
+        }
         public double GetDouble(string name) { return double.Parse(this[name], NumberStyles.Float, CultureInfo.InvariantCulture); }
         public bool GetBoolean(string name) { return this[name] == "true"; }
 
         public void Set(string name, long value) { this[name] = value.ToString(CultureInfo.InvariantCulture); }
-        public void Set(string name, double value) { this[name] = value.ToString("R", CultureInfo.InvariantCulture); }
+        public void Set(string name, double value)
+        {
+            // The library would take "NaN" and "Infinity" and sample from nonsense.
+            if (double.IsNaN(value) || double.IsInfinity(value))
+                throw new ArgumentOutOfRangeException(nameof(value), value, name + " takes a finite number");
+            this[name] = value.ToString("R", CultureInfo.InvariantCulture);
+        }
         public void Set(string name, bool value) { this[name] = value ? "true" : "false"; }
     }
 }
