@@ -29,7 +29,7 @@ inline constexpr Subcommand kSubcommands[] = {
     {"generate", kGenerate, "[PROMPT...]", "stream generated text to the terminal", "smollm2", RunGenerate},
     {"tokenize", kTokenize, "TEXT...", "print the token ids of a text", "smollm2", RunTokenize},
     {"compile", kCompile, "", "compile the model for the device ahead of time", "smollm2", RunCompile},
-    {"transcribe", kTranscribe, "AUDIO_FILE", "transcribe an audio file (any common format and rate)",
+    {"transcribe", kTranscribe, "AUDIO_FILE...", "transcribe audio files (any common format and rate)",
      "whisper-base", RunTranscribe},
 };
 
