@@ -7,6 +7,7 @@ using System.Linq;
 using System.Reflection;
 using System.Runtime.CompilerServices;
 using System.Runtime.InteropServices;
+using System.Text;
 using System.Threading;
 using System.Threading.Tasks;
 using Velmora;
@@ -262,6 +263,19 @@ static class Tests
             Throws<ArgumentException>(() => model.Settings.Set("return_timestamps", true), "timestamps that never end");
             Throws<ArgumentException>(() => model.Transcribe(new float[200]), "too short");
             Throws<ArgumentException>(() => model.Transcribe(new float[] { 0, float.NaN }.Concat(new float[300]).ToArray()), "NaN");
+            // Two channels of 0.5 and -0.25 at 8 kHz, as a streaming tool writes them: one of 0.125 at 16 kHz.
+            string wav = Path.GetTempFileName();
+            using (var w = new BinaryWriter(File.Create(wav)))
+            {
+                w.Write(Encoding.ASCII.GetBytes("RIFF\0\0\0\0WAVEfmt \x10\0\0\0\x01\0\x02\0"));
+                w.Write(8000); w.Write(32000); w.Write((short)4); w.Write((short)16); w.Write(Encoding.ASCII.GetBytes("data")); w.Write(-1);
+                for (int i = 0; i < 8000; i++) { w.Write((short)16384); w.Write((short)-8192); }
+            }
+            float[] read = WaveFile.Read(wav);
+            That(read.Length == 16000 && Math.Abs(read[8000] - 0.125f) < 1e-3, "mixed and resampled: " + read.Length + ", " + read[8000]);
+            Equal(model.Transcribe(read), model.TranscribeFile(wav), "from the file");
+            Throws<InvalidDataException>(() => WaveFile.Read(typeof(Tests).Assembly.Location), "not a WAV file");
+            File.Delete(wav);
             model.Settings.Set("max_new_tokens", 400L);  // the random model never ends on its own
             var silence = new float[16000];
             string full = model.Transcribe(silence);

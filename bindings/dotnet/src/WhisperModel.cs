@@ -53,6 +53,12 @@ namespace Velmora
             return result;
         }
 
+        /// <summary>The text of a WAV file (see <see cref="WaveFile.Read(string)"/>).</summary>
+        public string TranscribeFile(string path, CancellationToken cancellationToken = default(CancellationToken))
+        {
+            return Transcribe(WaveFile.Read(path), cancellationToken);
+        }
+
         /// <summary><see cref="Transcribe"/> on a thread-pool thread, so that a UI or server thread goes
         /// on; a cancelled token ends the task as cancelled once the transcription has stopped.</summary>
         public Task<string> TranscribeAsync(float[] samples, CancellationToken cancellationToken = default(CancellationToken))
