@@ -2,7 +2,8 @@
 // list slots fed arbitrary bytes on a handle without a pipeline, which they
 // never touch. Checks statuses, one message per failure, out-parameters
 // written only on success, that a setter changes only its own member to what
-// the standard conversions make of the text, that lists read back as set, and
+// the standard conversions make of the text, that a getter prints the standard
+// text of the value held, that lists read back as set, and
 // (ASan) that every buffer goes back through the release functions.
 #include <fuzzer/FuzzedDataProvider.h>
 #include <strings.h>
@@ -140,6 +141,29 @@ bool HoldsConvertedValue(const Row& row, const Config& config, const std::string
         row.member);
 }
 
+// What the getter must print: the standard library's text of the value held
+// (floats as "%f" of their double, sizes above 32 bits in full).
+std::string ReferenceText(const Row& row, const Config& config) {
+    return std::visit(
+        [&](auto member) -> std::string {
+            const auto& held = config.*member;
+            using T = std::decay_t<decltype(held)>;
+            if constexpr (std::is_same_v<T, bool>)
+                return held ? "true" : "false";
+            else if constexpr (std::is_same_v<T, float>)
+                return std::to_string(static_cast<double>(held));
+            else if constexpr (std::is_arithmetic_v<T>)
+                return std::to_string(held);
+            else if constexpr (std::is_same_v<T, velmora::StopCriteria>)
+                return velmora::StopCriteriaText(held).value_or("");
+            else if constexpr (std::is_same_v<T, std::optional<std::string>>)
+                return held.value_or("<unset>");
+            else
+                return "<a list>";
+        },
+        row.member);
+}
+
 // GetConfigProperty's status, with the text read (released) or the message.
 int32_t Get(Model& model, const std::string& name, std::string& text) {
     char* out = Untouched<char>();
@@ -179,8 +203,10 @@ void SetAndGet(Model& model, const std::string& name, const std::string& value) 
     const int32_t got = Get(model, name, text);
     if (row == nullptr)
         CHECK(got == 1 && text == "An error occurred getting property " + name + unknown);
+    else if (got == 0)
+        CHECK(text == ReferenceText(*row, model.config));
     else  // a criterion stored outside the enumeration has no name and no message
-        CHECK(got == 0 || (got == 1 && text.empty() && row->kind() == SettingKind::StopCriteria));
+        CHECK(got == 1 && text.empty() && row->kind() == SettingKind::StopCriteria);
 }
 
 // Reads a list, checking the count and each element; an empty list leaves the array untouched.

@@ -5,13 +5,11 @@
 
 #include <filesystem>
 #include <functional>
-#include <set>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "../temp_dir.h"
-#include "core/setting_text.h"
 #include "openvino_bindings.h"
 
 namespace host {
@@ -42,34 +40,6 @@ std::pair<int32_t, std::string> Reported(Pair pair, const std::function<int32_t(
 // A slot that writes one text: the status with the text (released) or the
 // message; a failure leaves the out-parameter untouched.
 std::pair<int32_t, std::string> TextOf(Pair pair, const std::function<int32_t(char**)>& call);
-
-// Sets each row and reads it back as `text`; texts differ by kind, not name,
-// so the rows hold one setting of each kind of `table`.
-using GetSetting = int32_t (*)(void*, const char*, char**);
-using SetSetting = int32_t (*)(void*, const char*, const char*);
-struct Setting {
-    const char* name;
-    const char* value;
-    const char* text;
-};
-
-template <class Table>
-void ExpectRoundTrips(Pair pair, SetSetting set, GetSetting get, void* handle, const std::vector<Setting>& rows,
-                      const Table& table) {
-    std::set<int> kinds, tested;
-    for (const auto& row : table)
-        if (row.byName) kinds.insert(static_cast<int>(row.kind()));
-    for (const Setting& setting : rows) {
-        const auto* row = velmora::FindSetting(table, setting.name);
-        if (row == nullptr) ADD_FAILURE() << setting.name << " is no setting of the table";
-        else tested.insert(static_cast<int>(row->kind()));
-        EXPECT_EQ(Reported(pair, [&] { return set(handle, setting.name, setting.value); }).first, 0) << setting.name;
-        EXPECT_EQ(TextOf(pair, [&](char** out) { return get(handle, setting.name, out); }),
-                  std::make_pair(0, std::string(setting.text)))
-            << setting.name << "=" << setting.value;
-    }
-    EXPECT_EQ(tested, kinds) << "one row per kind";
-}
 
 // The one message of a failing InitModel (LLM: pair A, Whisper: B) after its log line; no handle written.
 std::string LlmInitError(const std::filesystem::path& dir, int device = DEVICE_CPU, int contextLength = 8);

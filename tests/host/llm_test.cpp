@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "harness.h"
-#include "llm/llm_settings.h"
 
 namespace fs = std::filesystem;
 using namespace host;
@@ -114,24 +113,6 @@ TEST(LlmQuery, MaxNewTokensBoundsTheDeterministicTextWhichOutlivesItsHandle) {
     EXPECT_TRUE(StartsWith(six, three)) << three << " / " << six;
     EXPECT_EQ(Llm().FreeQueryResult(three), 0);
     EXPECT_EQ(Llm().FreeQueryResult(six), 0);
-}
-
-// A setting of each kind keeps its value in its text form: -1 sizes read back
-// as the largest, floats in fixed notation. How values convert is the fuzzer's.
-TEST(LlmSettings, EachKindKeepsItsValueInItsTextForm) {
-    const std::vector<host::Setting> rows = {
-        {"do_sample", "TRUE", "true"},
-        {"eos_token_id", "-7", "-7"},
-        {"max_new_tokens", "-1", "18446744073709551615"},
-        {"stop_criteria", "NEVER", "NEVER"},
-        {"temperature", "340282346638528859811704183484516925440", "340282346638528859811704183484516925440.000000"},
-        {"top_p", " .5x", "0.500000"},
-    };
-
-    LlmModel model(host::ModelDir("tiny-llm"), 512);
-    EXPECT_EQ(Get(model.handle(), "max_new_tokens"), std::make_pair(0, std::string("512")));
-    host::ExpectRoundTrips(Pair::A, Llm().SetConfigProperty, Llm().GetConfigProperty, model.handle(), rows,
-                           velmora::llm::kSettings);
 }
 
 // Names match exactly; the list members have slots of their own.

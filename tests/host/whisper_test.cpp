@@ -5,7 +5,6 @@
 #include <vector>
 
 #include "harness.h"
-#include "whisper/whisper_settings.h"
 
 using namespace host;
 
@@ -37,8 +36,8 @@ TEST(WhisperQuery, StoredSettingsAreJudgedByTheNextTranscription) {
     EXPECT_FALSE(message.empty());
 }
 
-// A setting of each kind; the texts of each kind are the LLM test's.
-TEST(WhisperSettings, RoundTripsAndMessages) {
+// Text forms are the fuzzer's; here, the model's own defaults and the names.
+TEST(WhisperSettings, DefaultsAndNames) {
     WhisperModel model(host::ModelDir("tiny-whisper"));
     auto get = [&](const char* name) {
         return host::TextOf(Pair::B, [&](char** out) { return Whisper().GetConfigProperty(model.handle(), name, out); });
@@ -48,17 +47,6 @@ TEST(WhisperSettings, RoundTripsAndMessages) {
         EXPECT_EQ(get(name), std::make_pair(1, std::string("An error occurred getting property ") + name +
                                                    ". Property name not supported."));
     EXPECT_EQ(get("max_length"), std::make_pair(0, std::string("448")));
-
-    const std::vector<host::Setting> rows = {
-        {"max_initial_timestamp_index", "-1", "18446744073709551615"},
-        {"pad_token_id", "-1", "-1"},
-        {"is_multilingual", "no", "false"},
-        {"language", "xyz", "xyz"},
-        {"task", "", ""},
-    };
-    host::ExpectRoundTrips(Pair::B, Whisper().SetConfigProperty, Whisper().GetConfigProperty, model.handle(), rows,
-                           velmora::whisper::kSettings);
-
     // Lists have slots of their own.
     EXPECT_EQ(Reported(Pair::B, [&] { return Whisper().SetConfigProperty(model.handle(), "lang_to_id", "en"); }),
               std::make_pair(1, std::string("An error occurred setting property lang_to_id. Property name not supported.")));
