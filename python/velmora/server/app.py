@@ -7,11 +7,12 @@ import hmac
 import json
 import logging
 import os
+import re
 import tempfile
 import time
 import uuid
-from collections.abc import AsyncIterator, Awaitable, Callable, Iterator
-from contextlib import asynccontextmanager
+from collections.abc import AsyncIterator, Awaitable, Callable
+from contextlib import asynccontextmanager, suppress
 from dataclasses import dataclass, field
 from importlib import resources
 from typing import Any, Literal
@@ -30,7 +31,7 @@ from starlette.types import ASGIApp, Message, Receive, Scope, Send
 
 from .. import DEFAULT_DEVICE, LlmModel, TextStream, VelmoraError, WhisperModel, read_audio
 from ..config import Value
-from ..errors import PropertyError
+from ..errors import PropertyError, summary
 from ..whisper import Samples
 from .metrics import Metrics
 from .pool import Busy, LlmSlot, Pool, Slot
@@ -86,31 +87,33 @@ AnyModel = LlmModel | WhisperModel
 
 
 class _DisconnectWatch:
-    """Cancels the model's work when the client goes away before the answer."""
+    """Notices a client that goes away before its answer: `on_gone` then
+    stops what the request is doing (its wait for a handle, then its run)."""
 
-    def __init__(self, request: Request, model: AnyModel):
+    def __init__(self, request: Request):
         self.gone = False
-        self._task = asyncio.ensure_future(self._watch(request, model))
+        self.on_gone: Callable[[], None] = lambda: None
+        self.task = asyncio.ensure_future(self._watch(request))
 
-    async def _watch(self, request: Request, model: AnyModel) -> None:
+    async def _watch(self, request: Request) -> None:
         while (await request.receive())["type"] != "http.disconnect":
             pass
         self.gone = True
-        model.cancel()
+        self.on_gone()
 
     def stop(self) -> None:
-        self._task.cancel()
+        self.task.cancel()
 
 
 class _Timer:
-    """Cancels the model's work once it has run past the time limit."""
+    """Cancels the work once it has run past the time limit."""
 
-    def __init__(self, seconds: float, model: AnyModel):
+    def __init__(self, seconds: float, cancel: Callable[[], None]):
         self.expired = False
 
         def expire() -> None:
             self.expired = True
-            model.cancel()
+            cancel()
 
         self._handle = asyncio.get_running_loop().call_later(seconds, expire)
 
@@ -118,8 +121,29 @@ class _Timer:
         self._handle.cancel()
 
 
-def _next_piece(stream: Iterator[str]) -> str | None:
-    return next(stream, None)
+class _StopCut:
+    """Ends the answer before its first stop string. The runtime ends the
+    generation at one, but lets it through when it lies inside a token, so
+    what could begin one is held back until it cannot."""
+
+    def __init__(self, stops: list[str]):
+        self.stops, self.held, self.hit = stops, "", False
+
+    def feed(self, piece: str) -> str:
+        text = self.held + piece
+        found = [at for at in (text.find(stop) for stop in self.stops) if at >= 0]
+        if found:
+            self.hit, self.held = True, ""
+            return text[:min(found)]
+        longest = max(map(len, self.stops), default=1) - 1
+        tail = next((n for n in range(min(len(text), longest), 0, -1)
+                     if any(stop.startswith(text[-n:]) for stop in self.stops)), 0)
+        self.held = text[len(text) - tail:]
+        return text[:len(text) - tail]
+
+    def end(self) -> str:
+        rest, self.held = self.held, ""
+        return rest
 
 
 @dataclass
@@ -129,15 +153,33 @@ class _Run:
     stream: TextStream
     prompt_tokens: int
     limit: int
-    first: str | None
+    cut: _StopCut
+    first: str | None = None
     pieces: list[str] = field(default_factory=list)
+
+    def next(self) -> str | None:
+        """The next piece of the answer; None at its end."""
+        while not self.cut.hit:
+            piece = next(self.stream, None)
+            out = self.cut.end() if piece is None else self.cut.feed(piece)
+            if out:
+                self.pieces.append(out)
+                return out
+            if piece is None:
+                return None
+        self.stream.close()  # at a stop string the runtime let through
+        return None
+
+    def rest(self) -> None:
+        while self.next() is not None:
+            pass
 
     def finish(self) -> tuple[str, dict[str, int], str]:
         """Text, usage and finish reason, with the completion counted by the
         model's tokenizer."""
         text = "".join(self.pieces)
         completion = len(self.slot.model.tokenize(text)) if text else 0
-        reason = "length" if max(completion, len(self.pieces)) >= self.limit else "stop"
+        reason = "length" if max(completion, len(self.pieces)) >= self.limit and not self.cut.hit else "stop"
         usage = {"prompt_tokens": self.prompt_tokens, "completion_tokens": completion,
                  "total_tokens": self.prompt_tokens + completion}
         return text, usage, reason
@@ -212,7 +254,7 @@ def create_app(options: Options, on_load_failure: Callable[[], None] = lambda: N
     @app.exception_handler(VelmoraError)
     async def library_failed(request: Request, error: VelmoraError) -> JSONResponse:
         log.error("%s", error)
-        return ApiError(500, error.message or str(error), "server_error").response()
+        return ApiError(500, summary(error.message) or str(error), "server_error").response()
 
     @app.exception_handler(Exception)
     async def failed(request: Request, error: Exception) -> JSONResponse:
@@ -238,9 +280,20 @@ def create_app(options: Options, on_load_failure: Callable[[], None] = lambda: N
                            param="model", code="model_not_found")
         return pools[name]
 
-    async def acquire(pool: Pool[Slot], name: str) -> Slot:
+    async def acquire(pool: Pool[Slot], name: str, watch: _DisconnectWatch) -> Slot:
+        """A free handle, waited for only while the client is still there."""
+        waiting = asyncio.ensure_future(pool.acquire())
         try:
-            return await pool.acquire()
+            await asyncio.wait({waiting, watch.task}, return_when=asyncio.FIRST_COMPLETED)
+        finally:
+            if not waiting.done():  # the client left while queued: its place goes to the next
+                waiting.cancel()
+                with suppress(asyncio.CancelledError):
+                    pool.release(await waiting)  # it got a handle just as it was given up
+        if waiting.cancelled():
+            raise ApiError(499, "the client closed the request while it waited", code="client_closed")
+        try:
+            return waiting.result()
         except Busy:
             raise _busy(f"the model '{name}'") from None
 
@@ -252,6 +305,9 @@ def create_app(options: Options, on_load_failure: Callable[[], None] = lambda: N
             prompt_tokens = len(model.tokenize(text))
         except ValueError as refused:  # a NUL, a lone surrogate, a conversation the chat template refuses
             raise ApiError(400, f"{given}: {refused}", param=given, code="invalid_value") from None
+        if prompt_tokens >= slot.counted:
+            raise ApiError(400, f"{given}: the prompt takes {slot.counted} tokens or more, past what this model's "
+                           "tokenizer counts", param=given, code="context_length_exceeded")
         if prompt_tokens == 0:
             raise ApiError(400, f"{given}: the prompt is empty; the model needs at least one token to continue from",
                            param=given, code="invalid_value")
@@ -259,8 +315,9 @@ def create_app(options: Options, on_load_failure: Callable[[], None] = lambda: N
         room = options.context - prompt_tokens
         limit = asked if asked is not None else min(options.max_tokens, room)
         if limit > room or room < 1:
+            answer = f"the answer may take {limit}" if room >= 1 else "no room is left for an answer"
             raise ApiError(400, f"this model's context is {options.context} tokens: the prompt takes {prompt_tokens} "
-                           f"and the answer may take {limit}; shorten the prompt or lower max_tokens",
+                           f"and {answer}; shorten the prompt or lower max_tokens",
                            param="max_tokens" if asked is not None and room >= 1 else given,
                            code="context_length_exceeded")
         settings: dict[str, Value] = {"max_new_tokens": limit}
@@ -276,25 +333,33 @@ def create_app(options: Options, on_load_failure: Callable[[], None] = lambda: N
         try:
             slot.apply(settings, body.stops())
         except PropertyError as refused:
-            raise ApiError(400, refused.message, code="invalid_value") from None
+            named = re.match(r"An error occurred setting property (\w+)", refused.message)
+            raise ApiError(400, summary(refused.message), param=_PARAMS.get(named[1]) if named else None,
+                           code="invalid_value") from None
         except (TypeError, ValueError) as refused:
             name = str(refused).split()[0]
             raise ApiError(400, str(refused), param=_PARAMS.get(name, "stop"), code="invalid_value") from None
-        stream = model.stream(text)
+        run = _Run(slot, model.stream(text), prompt_tokens, limit, _StopCut(body.stops()))
         try:
-            first = _next_piece(stream)
+            run.first = run.next()
         except VelmoraError as error:
             # Before any piece, a failure is the runtime refusing this request's
             # settings as a whole (a negative temperature, say): the caller's to fix.
-            raise ApiError(400, error.message or str(error), code="invalid_value") from None
-        return _Run(slot, stream, prompt_tokens, limit, first, [] if first is None else [first])
+            raise ApiError(400, summary(error.message) or str(error), code="invalid_value") from None
+        return run
 
     async def generate(request: Request, body: Sampling, endpoint: str,
                        prompt: Callable[[LlmModel], str]) -> Response:
         pool = pool_of(llm_pools, body.model, "LLM")
-        slot = await acquire(pool, body.model)
+        watch = _DisconnectWatch(request)
+        try:
+            slot = await acquire(pool, body.model, watch)
+        except BaseException:
+            watch.stop()
+            raise
         begun = time.perf_counter()
-        watch, timer = _DisconnectWatch(request, slot.model), _Timer(options.timeout, slot.model)
+        watch.on_gone = slot.model.cancel
+        timer = _Timer(options.timeout, slot.model.cancel)
         run: _Run | None = None
         try:
             run = await to_thread.run_sync(start, slot, body, prompt)
@@ -302,7 +367,7 @@ def create_app(options: Options, on_load_failure: Callable[[], None] = lambda: N
             if watch.gone:  # left while the prompt was prepared, before a cancel could land
                 slot.model.cancel()
             if not body.stream:
-                run.pieces += await to_thread.run_sync(list, run.stream)
+                await to_thread.run_sync(run.rest)
                 if timer.expired:
                     raise ApiError(504, f"the generation ran past the server's limit of {options.timeout:g} s",
                                    "server_error", code="timeout")
@@ -319,7 +384,7 @@ def create_app(options: Options, on_load_failure: Callable[[], None] = lambda: N
             timer.stop()
             pool.release(slot)
             return answer
-        return _Events(_events(run, endpoint, body), lambda: _end_stream(pool, run, timer))
+        return _Events(_events(run, endpoint, body, timer), lambda: _end_stream(pool, run, timer))
 
     async def _close(pool: Pool[LlmSlot], slot: LlmSlot, run: _Run | None) -> None:
         with anyio.CancelScope(shield=True):
@@ -327,21 +392,22 @@ def create_app(options: Options, on_load_failure: Callable[[], None] = lambda: N
                 await to_thread.run_sync(run.stream.close)
             pool.release(slot)
 
-    async def _events(run: _Run, endpoint: str, body: Sampling) -> AsyncIterator[dict[str, str]]:
+    async def _events(run: _Run, endpoint: str, body: Sampling, timer: _Timer) -> AsyncIterator[dict[str, str]]:
         ident, created = _ident(endpoint), int(time.time())
         yield _chunk(endpoint, ident, created, body.model, "", None, first=True)
         piece = run.first
         while piece is not None:
             yield _chunk(endpoint, ident, created, body.model, piece, None)
             try:
-                piece = await to_thread.run_sync(_next_piece, run.stream)
+                piece = await to_thread.run_sync(run.next)
             except VelmoraError as error:
                 # Headers are sent: the failure can only travel as an event.
-                failure = ApiError(500, error.message or str(error), "server_error")
-                yield {"data": bytes(failure.response().body).decode()}
+                yield _event(ApiError(500, summary(error.message) or str(error), "server_error"))
                 return
-            if piece is not None:
-                run.pieces.append(piece)
+        if timer.expired:  # cut short, not finished: no finish_reason and no [DONE]
+            yield _event(ApiError(504, f"the generation ran past the server's limit of {options.timeout:g} s",
+                                  "server_error", code="timeout"))
+            return
         text, usage, reason = await to_thread.run_sync(run.finish)
         metrics.count_tokens(body.model, usage)
         yield _chunk(endpoint, ident, created, body.model, None, reason)
@@ -355,11 +421,11 @@ def create_app(options: Options, on_load_failure: Callable[[], None] = lambda: N
         timer.stop()
         await _close(pool, run.slot, run)
 
-    @app.get("/", response_class=HTMLResponse, include_in_schema=False)
+    @app.api_route("/", methods=["GET", "HEAD"], response_class=HTMLResponse, include_in_schema=False)
     async def page() -> str:
         return resources.files(__package__).joinpath("page.html").read_text(encoding="utf-8")
 
-    @app.get("/health")
+    @app.api_route("/health", methods=["GET", "HEAD"])
     async def health() -> JSONResponse:
         if state["ready"]:
             return JSONResponse({"status": "ok"})
@@ -379,7 +445,7 @@ def create_app(options: Options, on_load_failure: Callable[[], None] = lambda: N
     async def models() -> dict[str, Any]:
         return {"object": "list", "data": [described(name) for name in [*options.llm, *options.whisper]]}
 
-    @app.get("/v1/models/{name}", dependencies=[Depends(authorize)])
+    @app.get("/v1/models/{name:path}", dependencies=[Depends(authorize)])
     async def model(name: str) -> dict[str, Any]:
         if name not in options.llm and name not in options.whisper:
             raise ApiError(404, f"the model '{name}' is not served here", param="model", code="model_not_found")
@@ -398,10 +464,19 @@ def create_app(options: Options, on_load_failure: Callable[[], None] = lambda: N
                      response_format: SpeechFormat, task: Task) -> Response:
         pool = pool_of(whisper_pools, model, "Whisper")
         samples = await to_thread.run_sync(_decode, await file.read(), file.filename or "")
-        slot = await acquire(pool, model)
-        watch, timer = _DisconnectWatch(request, slot.model), _Timer(options.timeout, slot.model)
+        watch = _DisconnectWatch(request)
+        try:
+            slot = await acquire(pool, model, watch)
+        except BaseException:
+            watch.stop()
+            raise
+        # A reset language replaces the slot's model: cancel whichever it holds then.
+        watch.on_gone = lambda: slot.model.cancel()
+        timer = _Timer(options.timeout, lambda: slot.model.cancel())
         try:
             text = await to_thread.run_sync(slot.transcribe, samples, language, task)
+        except ValueError as refused:  # samples the model cannot take (too few, not finite)
+            raise ApiError(400, f"file: {refused}", param="file", code="invalid_value") from None
         finally:
             watch.stop()
             timer.stop()
@@ -412,7 +487,7 @@ def create_app(options: Options, on_load_failure: Callable[[], None] = lambda: N
         if response_format == "text":
             return PlainTextResponse(text + "\n")
         if response_format == "verbose_json":
-            return JSONResponse({"task": task, "language": language or "auto",
+            return JSONResponse({"task": task, "language": (language or "auto").strip("<|>"),
                                  "duration": len(samples) / 16000, "text": text, "segments": []})
         return JSONResponse({"text": text})
 
@@ -509,6 +584,7 @@ def _decode(data: bytes, filename: str) -> Samples:
     if not data:
         raise ApiError(400, "the audio file is empty", param="file", code="invalid_value")
     suffix = os.path.splitext(filename)[1]
+    suffix = suffix if re.fullmatch(r"\.[A-Za-z0-9]{1,8}", suffix) else ""  # the client's name is no path to trust
     with tempfile.NamedTemporaryFile(suffix=suffix) as spool:
         spool.write(data)
         spool.flush()
@@ -525,6 +601,11 @@ def _decode(data: bytes, filename: str) -> Samples:
 
 
 _OBJECTS = {"chat": "chat.completion", "completion": "text_completion"}
+
+
+def _event(error: ApiError) -> dict[str, str]:
+    """An error as a server-sent event, once the headers are sent."""
+    return {"data": bytes(error.response().body).decode()}
 
 
 def _ident(endpoint: str) -> str:

@@ -52,12 +52,15 @@ class LlmSlot:
     model: LlmModel
     defaults: dict[str, str] = field(default_factory=dict)
     default_stops: list[str] = field(default_factory=list)
+    # The most tokens the tokenizer counts: it cuts longer texts there, the model does not.
+    counted: int = 0
 
     def __post_init__(self) -> None:
         # The runtime's binding sets up its array support on first use, and
         # two threads doing that at once deadlock (seen with two handles
-        # tokenizing together): the first use happens here, while loading.
-        self.model.tokenize("warm up")
+        # tokenizing together): the first use happens here, while loading, and
+        # measures the most tokens the tokenizer counts.
+        self.counted = len(self.model.tokenize("a " * 100_000))
         self.defaults = {name: self.model.config.text(name) for name in REQUEST_SETTINGS}
         self.default_stops = self.model.stop_strings
 

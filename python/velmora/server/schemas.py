@@ -38,7 +38,7 @@ class Message(_Body):
 
 
 class StreamOptions(_Body):
-    include_usage: bool = False
+    include_usage: bool | None = False
 
 
 class Sampling(_Body):
@@ -50,8 +50,8 @@ class Sampling(_Body):
     stop: str | list[str] | None = Field(None)
     frequency_penalty: float | None = None
     presence_penalty: float | None = None
-    n: int = 1
-    stream: bool = False
+    n: int | None = 1
+    stream: bool | None = False
     stream_options: StreamOptions | None = None
     logprobs: bool | int | None = None
     logit_bias: dict[str, float] | None = None
@@ -65,8 +65,8 @@ class Sampling(_Body):
 
     @field_validator("n")
     @classmethod
-    def _one_choice(cls, n: int) -> int:
-        if n != 1:
+    def _one_choice(cls, n: int | None) -> int | None:
+        if n not in (1, None):
             raise ValueError("only n=1 is supported: each request gives one choice")
         return n
 
@@ -78,7 +78,8 @@ class Sampling(_Body):
         return stop
 
     def stops(self) -> list[str]:
-        return [self.stop] if isinstance(self.stop, str) else list(self.stop or [])
+        """The stop strings; an empty one asks for nothing."""
+        return [stop for stop in ([self.stop] if isinstance(self.stop, str) else self.stop or []) if stop]
 
     def token_limit(self) -> int | None:
         return self.max_tokens
@@ -116,9 +117,16 @@ class ChatRequest(Sampling):
 
 class CompletionRequest(Sampling):
     prompt: str | list[str]
-    echo: Literal[False] = False
+    echo: Literal[False] | None = False
     suffix: None = None
-    best_of: Literal[1] = 1
+    best_of: Literal[1] | None = 1
+
+    @field_validator("prompt", mode="before")
+    @classmethod
+    def _text_prompt(cls, prompt: object) -> object:
+        if isinstance(prompt, list) and prompt and not isinstance(prompt[0], str):
+            raise ValueError("give the prompt as text: token ids are not taken")
+        return prompt
 
     @field_validator("prompt")
     @classmethod
