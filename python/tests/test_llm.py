@@ -107,6 +107,8 @@ def test_failures_carry_the_library_status_and_message(library, models, llm, tmp
     for call, error, text in [(lambda: llm.generate(42), TypeError, "prompt takes a str, not int"),
                               (lambda: llm.generate(""), ValueError, "prompt is empty"),
                               (lambda: llm.generate("\ud800"), ValueError, "prompt is not valid text"),
+                              (lambda: llm.generate(b"Hi"), TypeError, "prompt takes a str, not bytes"),
+                              (lambda: velmora.LlmModel("", library=library), FileNotFoundError, "cannot load model: "),
                               (lambda: velmora.LlmModel(models / "tiny-llm", context_length=2**32, library=library),
                                ValueError, "context_length takes an int from 1 to 2147483647"),
                               (lambda: llm.stream(""), ValueError, "prompt is empty"),
@@ -118,6 +120,8 @@ def test_failures_carry_the_library_status_and_message(library, models, llm, tmp
                               (lambda: llm.config.update(stop_criteria="SOON"), ValueError, "stop_criteria takes one of")]:
         with pytest.raises(error, match=f"^{text}"):
             call()
+    for strings, text in ((["\udc80"], r"stop_strings\[0\] is not valid"), (["a", ""], r"stop_strings\[1\] is empty")):
+        pytest.raises(ValueError, setattr, llm, "stop_strings", strings).match(text)
     llm.stop_token_ids = [llm.config["eos_token_id"], 5]
     llm.config["eos_token_id"] = 5
     llm.chat_prompt([{"role": "user", "content": "Hi"}])  # a template of its own that refuses every conversation:
@@ -141,7 +145,7 @@ def test_config_takes_only_what_a_setting_can_hold(llm):
     for name, value, error in [("do_sample", 1, TypeError), ("top_k", True, TypeError), ("top_k", 2.0, TypeError),
                                ("temperature", "hot", TypeError), ("stop_criteria", 0, TypeError),
                                ("max_new_tokens", -5, ValueError), ("top_k", 2**31, ValueError),
-                               ("temperature", float("nan"), ValueError),
+                               ("temperature", float("nan"), ValueError), ("temperature", 1e300, ValueError),
                                ("eos_token_id", -2**31 - 1, ValueError)]:
         with pytest.raises(error, match=f"^{name} takes "):
             llm.config[name] = value
@@ -213,3 +217,12 @@ def test_the_chat_command_goes_on_after_ctrl_c_a_failed_turn_and_a_long_conversa
     assert answers("Hello\nThere\n", "--keep", "1").stdout.split("\n")[1] == answers("There\n").stdout[:-1]
     failed = answers("Hello\nThere\n", "--set", "num_return_sequences=3")
     assert failed.returncode == 1 and failed.stderr.count("velmora chat: StreamModel failed with status 1") == 2
+    failed = answers("a\0b\nThere\n")  # a turn the package refuses
+    assert failed.returncode == 1 and "NUL character" in failed.stderr and failed.stdout.count("\n") == 1
+
+    # Nothing runs on when the interpreter goes away under the runtime: that crashed the process.
+    leave = ("import sys, threading, time, velmora; d, lib = sys.argv[1:]; m, n = [velmora.LlmModel(d, library=lib) "
+             "for _ in 'mn']; [x.config.update(ignore_eos=True, max_new_tokens=50000) for x in (m, n)]; "
+             "threading.Thread(target=m.generate, args=('Hi',), daemon=True).start(); next(n.stream('Hi')); "
+             "time.sleep(0.3)")
+    assert subprocess.run([sys.executable, "-c", leave, models / "tiny-llm", library.path]).returncode == 0

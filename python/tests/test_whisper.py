@@ -21,6 +21,7 @@ def test_samples_reach_the_library_as_float32(whisper):
         whisper.transcribe(np.zeros(16000, np.int32))
     for audio, text in [(np.zeros((2, 8000), np.float32), "audio must be one channel"),
                         ([], "audio holds 0 samples"), (np.full(200, 0.1), "audio holds 200 samples"),
+                        (np.zeros(100, np.int16), "audio holds 100 samples"),
                         (np.array([0.0] * 300 + [np.nan]), "audio holds NaN or infinite samples .* at index 300"),
                         (np.full(300, np.inf, np.float32), "audio holds NaN or infinite")]:
         with pytest.raises(ValueError, match=f"^{text}"):
@@ -40,6 +41,7 @@ def test_language_map_and_suppression_lists_round_trip_and_release(whisper):
     assert whisper.suppress_tokens == [5, 5, 3] and whisper.begin_suppress_tokens == []
     pytest.raises(ValueError, setattr, whisper, "lang_to_id", {"a": 2**64})  # would wrap to 0
     pytest.raises(FileNotFoundError, whisper.transcribe_file, "missing.wav")
+    pytest.raises(IsADirectoryError, whisper.transcribe_file, "/")
     assert whisper._api.released[-1][0] == "FreeSuppressTokens"
 
     for name, value in [("language", "<|en|>"), ("task", "transcribe it")]:  # the runtime would refuse them later
@@ -48,6 +50,7 @@ def test_language_map_and_suppression_lists_round_trip_and_release(whisper):
     whisper.config["return_timestamps"] = True  # with fewer than 2 new tokens the runtime would never end
     with pytest.raises(ValueError, match="needs max_new_tokens of 2 or more"):
         whisper.config["max_new_tokens"] = 1
+    pytest.raises(ValueError, whisper.config.set_text, "max_new_tokens", " +01x")  # read as 1 all the same
     whisper.config["return_timestamps"] = False
     whisper.config.set_text("language", "<|en|>")  # the raw path still sends it
     assert whisper.config.text("language") == "<|en|>"

@@ -20,7 +20,7 @@ from . import _abi
 from ._abi import DEFAULT_DEVICE, Status
 from ._aio import AsyncTextStream
 from ._library import LIBRARY_FILE, Library, find_library, load_library
-from ._model import encode
+from ._model import encode_path
 from ._settings import DEVICES
 from ._version import __version__
 from .config import Config
@@ -41,5 +41,5 @@ def compile_model(model_dir: str | os.PathLike[str], device: str | int = DEFAULT
     context_length the model will be loaded with."""
     lib = load_library(library)
     lib.ensure_llm_reporting()
-    lib.call("llm", "CompileModel", lib.llm.CompileModel, encode(os.fspath(model_dir)), _abi.device_type(device),
+    lib.call("llm", "CompileModel", lib.llm.CompileModel, encode_path(os.fspath(model_dir)), _abi.device_type(device),
              _abi.context_length(context_length))

@@ -2,6 +2,7 @@
 settings by name, and copying buffers out before giving them back."""
 from __future__ import annotations
 
+import atexit
 import ctypes
 import os
 import signal
@@ -24,18 +25,24 @@ class _Stream(Protocol):
     def close(self) -> None: ...
 
 
-def encode(text: str | bytes, what: str = "text") -> bytes:
-    """`text` as the library's NUL-terminated bytes; `what` names the argument
-    in the message when it is not a string or holds a NUL."""
-    if isinstance(text, str):
-        try:
-            data = text.encode("utf-8", "surrogateescape")
-        except UnicodeEncodeError as bad:
-            raise ValueError(f"{what} is not valid text: {bad.reason} at {bad.start}") from None
-    elif isinstance(text, (bytes, bytearray)):
-        data = bytes(text)
-    else:
+def encode(text: str, what: str = "text") -> bytes:
+    """`text` as the library's NUL-terminated UTF-8; `what` names the argument
+    in the message when it is not a string, not valid text or holds a NUL."""
+    if not isinstance(text, str):
         raise TypeError(f"{what} takes a str, not {type(text).__name__}")
+    try:
+        data = text.encode("utf-8")
+    except UnicodeEncodeError as bad:  # a lone surrogate, which the runtime cannot decode either
+        raise ValueError(f"{what} is not valid text: {bad.reason} at {bad.start}") from None
+    return _whole(data, what)
+
+
+def encode_path(path: str) -> bytes:
+    """A path as the file system's bytes, which need not be UTF-8."""
+    return _whole(os.fsencode(path), "the path")
+
+
+def _whole(data: bytes, what: str) -> bytes:
     if b"\0" in data:
         # The library reads NUL-terminated strings: the rest would be dropped silently.
         raise ValueError(f"{what} holds a NUL character at {data.index(0)}; the library would drop what follows")
@@ -48,6 +55,8 @@ def model_path(model_dir: str | os.PathLike[str]) -> str:
     if not isinstance(model_dir, (str, os.PathLike)):
         raise TypeError(f"model_dir takes a str or path, not {type(model_dir).__name__}")
     path = os.fspath(model_dir)
+    if not path:
+        raise FileNotFoundError("cannot load model: model_dir is empty; give the model's directory")
     if not os.path.isdir(path):
         problem = "is not a directory" if os.path.exists(path) else "does not exist"
         raise FileNotFoundError(f"cannot load model: {os.path.abspath(path)!r} {problem}")
@@ -149,6 +158,7 @@ class Model:
         raise TypeError(f"{name} cannot be reset")
 
     def __init__(self, library: Library):
+        _live.add(self)
         self._lib = library
         self._api: Any = getattr(library, self._family)
         self._handle: ctypes.c_void_p | None = None
@@ -165,8 +175,10 @@ class Model:
         self._streams: weakref.WeakSet[_Stream] = weakref.WeakSet()
 
     def _init(self, slot: Callable[..., int], *args: Any) -> None:
-        with self._lock:
+        # Ctrl-C during the load would land in the runtime's own Python code: held until it is done.
+        with _HeldInterrupt() as held, self._lock:
             self._handle = self._new_handle(slot, *args)
+        held.finish()
 
     def _new_handle(self, slot: Callable[..., int], path: bytes, *args: Any) -> ctypes.c_void_p:
         handle = ctypes.c_void_p()
@@ -252,6 +264,19 @@ class Model:
                 handle, self._handle = self._handle, None
                 self._api.DestroyModel(handle)
 
+    def _end(self) -> None:
+        """close(), stopping a run on another thread instead of waiting for it."""
+        for stream in list(self._streams):
+            stream.close()
+        while not self._lock.acquire(timeout=0.05):
+            self.cancel()  # repeated: one that lands before the run starts is forgotten
+        try:
+            if self._handle is not None:
+                handle, self._handle = self._handle, None
+                self._api.DestroyModel(handle)
+        finally:
+            self._lock.release()
+
     def __enter__(self) -> Self:
         return self
 
@@ -277,7 +302,11 @@ class Model:
                        ctypes.byref(out), error=PropertyError)
         return decode(take_text(out, self._api.FreeConfigProperty))
 
+    def _check_text(self, name: str, text: str) -> None:
+        """_check_setting for a text, as the library will read it."""
+
     def _set_property(self, name: str, text: str) -> None:
+        self._check_text(name, text)
         with self._using() as handle:
             self._call("SetConfigProperty", self._api.SetConfigProperty, handle, encode(name, "name"),
                        encode(text, name), error=PropertyError)
@@ -296,3 +325,14 @@ class Model:
         array, count = id_array(ids, what)
         with self._using() as handle:
             self._call(operation, setter, handle, array, count)
+
+
+# The runtime runs on this interpreter: a run still going on another thread
+# when it shuts down would crash the process, so every model ends first.
+_live: weakref.WeakSet[Model] = weakref.WeakSet()
+
+
+@atexit.register
+def _end_all() -> None:
+    for model in list(_live):
+        model._end()

@@ -81,12 +81,12 @@ def chat(argv: list[str]) -> int:
                 print("(the conversation starts anew)", file=sys.stderr)
             elif line:
                 history.append({"role": "user", "content": line})
-                # The oldest exchanges go first; the system message and this turn stay.
-                while len(history) > len(start) + 1 and len(model.tokenize(model.chat_prompt(history))) > args.keep:
-                    del history[len(start):len(start) + 2]
                 try:
+                    # The oldest exchanges go first; the system message and this turn stay.
+                    while len(history) > len(start) + 1 and len(model.tokenize(model.chat_prompt(history))) > args.keep:
+                        del history[len(start):len(start) + 2]
                     history.append({"role": "assistant", "content": _answer(model, history)})
-                except VelmoraError as refused:  # this turn only: the conversation goes on without it
+                except (VelmoraError, ValueError) as refused:  # this turn only: the conversation goes on
                     print(f"velmora chat: {refused}", file=sys.stderr)
                     history.pop()
                     failed += 1
@@ -119,9 +119,9 @@ def transcribe(argv: list[str]) -> int:
     p.add_argument("--translate", action="store_true", help="into English")
     p.add_argument("audio", nargs="+", metavar="AUDIO")
     args = p.parse_args(argv)
-    for path in args.audio:  # before the model loads
-        if not os.path.isfile(path):
-            p.error(f"no such audio file: '{path}'")
+    for path in args.audio:  # before the model loads; a pipe is fine
+        if os.path.isdir(path) or not os.path.exists(path):
+            p.error(f"'{path}' is {'a directory' if os.path.isdir(path) else 'no file'}: give audio files")
     with WhisperModel(args.model, args.device, library=args.library) as model:
         for name, value in args.set:
             model.config[name] = value
@@ -156,3 +156,6 @@ def main(argv: list[str] | None = None) -> None:
         sys.exit((chat if command == "chat" else transcribe)(args[1:]))
     except (VelmoraError, OSError, ValueError, TypeError) as failed:  # the model, or a setting it refused
         sys.exit(f"velmora {command}: {failed}")
+    except KeyboardInterrupt:  # while a model loads or a file is read: the work has stopped
+        print("velmora: interrupted", file=sys.stderr)
+        sys.exit(130)

@@ -18,7 +18,6 @@ with every other setting and list carried over (as long as a model load) and
 leaves the name as the model's own default, usually absent (detected)."""
 from __future__ import annotations
 
-import math
 from collections.abc import Callable, Iterator, MutableMapping
 from dataclasses import dataclass
 from typing import Protocol
@@ -44,6 +43,7 @@ class Owner(Protocol):
     def _reset_setting(self, name: str) -> None: ...
 
 _INT32_MAX = 2**31 - 1
+_FLOAT_MAX = 3.4028234663852886e38  # reals are 32-bit floats in the library
 
 
 @dataclass(frozen=True)
@@ -63,8 +63,9 @@ class Kind:
             return "true" if value else "false"
         if self.low is not None and not self.low <= value <= self.high:  # type: ignore[operator]
             raise ValueError(f"{name} takes {self.accepts}, not {value}")
-        if isinstance(value, float) and not math.isfinite(value):
-            raise ValueError(f"{name} takes a finite number, not {value}")
+        if isinstance(value, (int, float)) and float in self.types and not abs(value) <= _FLOAT_MAX:
+            raise ValueError(f"{name} takes a number from -{_FLOAT_MAX:.7g} to {_FLOAT_MAX:.7g} (a 32-bit float), "
+                             f"not {value}")
         if self.choices and value not in self.choices:
             raise ValueError(f"{name} takes {self.accepts}, not {value!r}")
         return value if isinstance(value, str) else repr(value)
@@ -127,8 +128,10 @@ class Config(MutableMapping[str, Value]):
         "language" and "task" can be reset: the model is loaded anew, as long
         as the first load, with every other setting and list carried over."""
         if name not in self._model._resettable:
-            raise TypeError(f"only {' and '.join(self._model._resettable) or 'no setting'} can be reset here, "
-                            f"not {name}")
+            which = " and ".join(self._model._resettable)
+            raise TypeError(f"only {which} can be reset, not {name}" if which else
+                            f"no setting of this model can be reset (only Whisper's language and task): set {name} "
+                            "to a value instead")
         self._model._reset_setting(name)
 
     def __iter__(self) -> Iterator[str]:

@@ -13,7 +13,7 @@ from typing import TYPE_CHECKING, Any, Literal, overload
 from . import _abi, _aio, _settings
 from ._aio import AsyncTextStream
 from ._library import Library, load_library
-from ._model import Model, _HeldInterrupt, decode, encode, id_array, model_path, take_ids, take_text
+from ._model import Model, _HeldInterrupt, decode, encode, encode_path, id_array, model_path, take_ids, take_text
 from .config import LLM_SETTINGS, Config
 
 if TYPE_CHECKING:
@@ -41,7 +41,7 @@ class LlmModel(Model):
         self._model_dir = model_path(model_dir)
         super().__init__(load_library(library))
         self._tokenizer: Any = None
-        self._init(self._api.InitModel, encode(self._model_dir), _abi.device_type(device),
+        self._init(self._api.InitModel, encode_path(self._model_dir), _abi.device_type(device),
                    _abi.context_length(context_length))
         self.config = Config(self, LLM_SETTINGS)
 
@@ -147,6 +147,8 @@ class LlmModel(Model):
         if isinstance(strings, (str, bytes)) or not isinstance(strings, Iterable):
             raise TypeError(f"stop_strings takes a list of str, not {type(strings).__name__}")
         data = [encode(s, f"stop_strings[{i}]") for i, s in enumerate(strings)]
+        if b"" in data:
+            raise ValueError(f"stop_strings[{data.index(b'')}] is empty: it would end every generation at once")
         array = (ctypes.c_char_p * len(data))(*data)
         with self._using() as handle:
             self._call("SetStopStrings", self._api.SetStopStrings, handle, array, len(data))

@@ -3,6 +3,7 @@ from __future__ import annotations
 
 import ctypes
 import os
+import re
 from collections.abc import Iterable, Mapping
 
 import numpy as np
@@ -10,7 +11,7 @@ import numpy.typing as npt
 
 from . import _abi, _aio
 from ._library import Library, load_library
-from ._model import Model, _HeldInterrupt, decode, encode, id_array, model_path, take_text
+from ._model import Model, _HeldInterrupt, decode, encode, encode_path, id_array, model_path, take_text
 from .config import SIZE, WHISPER_SETTINGS, Config
 
 SAMPLE_RATE = 16000
@@ -35,11 +36,10 @@ def _samples(audio: npt.ArrayLike) -> Samples:
     if block.ndim != 1:
         raise ValueError("audio must be one channel: a 1-D array of samples")
     if block.dtype == np.int16:
-        scaled: Samples = block.astype(np.float32) / np.float32(32768)
-        return scaled
-    if block.dtype.kind != "f" and block.size:
+        block = block.astype(np.float32) / np.float32(32768)
+    elif block.dtype.kind != "f" and block.size:
         raise TypeError(f"audio samples must be floats in [-1, 1] or int16 PCM, not {block.dtype}")
-    samples = np.ascontiguousarray(block, dtype=np.float32)
+    samples: Samples = np.ascontiguousarray(block, dtype=np.float32)
     if samples.size < _FEWEST_SAMPLES:
         raise ValueError(f"audio holds {samples.size} samples; the model needs at least {_FEWEST_SAMPLES} "
                          f"({_FEWEST_SAMPLES / SAMPLE_RATE * 1000:.1f} ms at 16 kHz)")
@@ -53,7 +53,9 @@ def read_audio(path: str | os.PathLike[str]) -> Samples:
     """The samples of an audio file in any format libsndfile reads, mixed
     down to mono and resampled to 16 kHz, as transcribe() takes them.
     Needs the "audio" extra (soundfile and soxr)."""
-    if not os.path.isfile(path):
+    if os.path.isdir(path):
+        raise IsADirectoryError(f"audio file {os.fspath(path)!r} is a directory")
+    if not os.path.exists(path):  # a pipe is fine
         raise FileNotFoundError(f"no such audio file: {os.fspath(path)!r}")
     try:
         import soundfile
@@ -78,7 +80,7 @@ class WhisperModel(Model):
         self._model_dir = model_path(model_dir)
         self._device = _abi.device_type(device)
         super().__init__(load_library(library))
-        self._init(self._api.InitModel, encode(self._model_dir), self._device)
+        self._init(self._api.InitModel, encode_path(self._model_dir), self._device)
         self.config = Config(self, WHISPER_SETTINGS)
 
     def transcribe(self, audio: npt.ArrayLike) -> str:
@@ -195,6 +197,15 @@ class WhisperModel(Model):
                 raise ValueError("return_timestamps=True needs max_new_tokens of 2 or more: with fewer the runtime "
                                  "never ends the transcription")
 
+    def _check_text(self, name: str, text: str) -> None:
+        # The library reads a size as strtol does (" 01", "+1x" are 1) and a flag as "true" in any case.
+        if name == "max_new_tokens":
+            number = re.match(r"\s*([-+]?\d+)", text)
+            if number and int(number[1]) in (0, 1):
+                self._check_setting(name, int(number[1]))
+        elif name == "return_timestamps":
+            self._check_setting(name, text.lower() == "true")
+
     def _reset_setting(self, name: str) -> None:
         """The library never makes "language" or "task" absent again, so the
         model is loaded anew and everything else is carried over to it."""
@@ -213,7 +224,7 @@ class WhisperModel(Model):
             languages = list(self._read_lang_to_id(old).items())
             ids = [self._read_ids(old, get, getattr(self._api, get), getattr(self._api, free))
                    for get, _, free in lists]
-            new = self._new_handle(self._api.InitModel, encode(self._model_dir), self._device)
+            new = self._new_handle(self._api.InitModel, encode_path(self._model_dir), self._device)
             try:
                 for other, text in texts.items():
                     self._call("SetConfigProperty", self._api.SetConfigProperty, new, encode(other), text)

@@ -112,7 +112,8 @@ class Host(unittest.TestCase):
                 # CompileModel has no handle; its message still reaches the host.
                 (run("compile", "--model", MODELS), f"cannot compile model '{MODELS}' for CPU: An exception occurred"),
                 (run(*whisper, __file__), f"cannot read audio '{__file__}': the file exists, but libsndfile"),
-                (run(*whisper, missing + ".mp3"), f"cannot read audio '{missing}.mp3': no such file\n")]:
+                (run(*whisper, missing + ".mp3"), f"cannot read audio '{missing}.mp3': no such file\n"),
+                (run(*whisper, MODELS), f"cannot read audio '{MODELS}': it is a directory\n")]:
             self.assertEqual(result.returncode, 1, result.stderr)
             self.assertIn("error: " + line, result.stderr)
         # Usage errors: found before any model loads, told in one line and a reminder.
@@ -123,15 +124,17 @@ class Host(unittest.TestCase):
                            (["--set", "stop_criteria=early", PROMPT], "stop_criteria takes EARLY, HEURISTIC or NEVER"),
                            ([*whisper, "--set", "max_new_tokens=x", SPEECH], "max_new_tokens takes an integer"),
                            ([*whisper, "--set", "task=say", SPEECH], "task takes transcribe or translate"),
-                           ([*whisper, "--set", "return_timestamps=true", "--set", "max_new_tokens=1", SPEECH],
+                           ([*whisper, "--set", "return_timestamps=true", "--set", "max_new_tokens= 01", SPEECH],
                             "return_timestamps=true needs max_new_tokens of 2 or more"),
                            (["--context", "many"], "bad value for --context"), (["--set", "novalue"], "bad value"),
+                           (["--stop", "", PROMPT], "--stop takes a text that is not empty"),
                            (["tokenize", "--stop", "x", "a"], "--stop does not apply to tokenize"),
                            (["tokenize", "--model", tiny_llm], "tokenize needs a text"), (["transcribe", "--stop", "x", "a.wav"], "")]:
             result = run(*args)
             self.assertEqual(result.returncode, 2, args)
             self.assertIn(line, result.stderr.splitlines()[0])
             self.assertLessEqual(len(result.stderr.splitlines()), 2, result.stderr)
+        self.assertIn("the text holds a NUL character at 1", run("tokenize", "-", input="a\0b").stderr)
 
     def test_speech_with_timestamps_is_plain_text(self):  # other formats, rates, channels: the README's
         result = run("transcribe", "--set", "return_timestamps=true", "--model", os.path.join(MODELS, "whisper-base"),

@@ -106,6 +106,7 @@ static class Tests
             Equal("ids", Throws<ArgumentException>(() => model.SetStopTokenIds(new long[0]), "without the end-of-text id").ParamName, "named");
             That(model.GetStopStrings().Count == 0 && model.GetStopTokenIds().Count == 3, "emptied");
             Equal("strings", Throws<ArgumentException>(() => model.SetStopStrings(new[] { "a\0b" }), "embedded NUL").ParamName, "named");
+            Equal("strings", Throws<ArgumentException>(() => model.SetStopStrings(new[] { "a", "" }), "empty").ParamName, "named");
             That(model.Tokenize("café ✓").Length > 1 && model.Tokenize("").Length == 0, "tokens");
             // Nothing to give back for an empty list; an empty tokenization is a buffer all the same.
             Equal("FreeQueryResult|FreeConfigProperty|FreeStopStrings 2|FreeStopTokens|FreeConfigProperty|FreeStopTokens|FreeTokens|FreeTokens",
@@ -221,7 +222,10 @@ static class Tests
             finally { Library.Llm.SetConfigProperty = real; }
             That(e.Status == 1 && e.Message.EndsWith("value é✓: invalid stoi argument"), "own message: " + e.Message);
             That(second.Message.EndsWith("value bbb: invalid stoi argument"), "own message: " + second.Message);
-            e = Throws<VelmoraException>(() => model.Settings["stop_criteria"] = "early", "refused silently");
+            Equal("value", Throws<ArgumentException>(() => model.Settings["stop_criteria"] = "early", "no criterion").ParamName, "named");
+            Library.Llm.SetConfigProperty = (handle, name, value) => 1;  // a refusal without a word
+            try { e = Throws<VelmoraException>(() => model.Settings["top_k"] = "5", "refused silently"); }
+            finally { Library.Llm.SetConfigProperty = real; }
             Equal("SetConfigProperty failed with status 1 and no message", e.Message, "no message");
 
             // A failed stream throws from the loop: the runtime's sentence in one line, without its source place.
@@ -235,6 +239,7 @@ static class Tests
             Equal("prompt", Throws<ArgumentException>(() => model.Generate(""), "empty prompt").ParamName, "empty prompt");
             Throws<ArgumentException>(() => model.Settings["eos_token_id"] = "7", "end-of-text id not a stop id");
             var missing = Path.Combine(models, "missing");
+            Equal("modelDir", Throws<ArgumentException>(() => new LlmModel(""), "empty").ParamName, "named");
             That(Throws<DirectoryNotFoundException>(() => new WhisperModel(missing), "missing").Message.Contains("'" + missing + "' does not exist"),
                  "the missing directory named");
             e = Throws<VelmoraException>(() => new WhisperModel(models), "no model files");
@@ -259,22 +264,26 @@ static class Tests
 
             Throws<ArgumentException>(() => model.Settings["language"] = "<|en|>", "no longer in the map");
             Throws<ArgumentException>(() => model.Settings["task"] = "transcribe it", "not a task");
-            model.Settings.Set("max_new_tokens", 1L);
+            model.Settings["max_new_tokens"] = " +01";  // read as 1 by the library
             Throws<ArgumentException>(() => model.Settings.Set("return_timestamps", true), "timestamps that never end");
             Throws<ArgumentException>(() => model.Transcribe(new float[200]), "too short");
             Throws<ArgumentException>(() => model.Transcribe(new float[] { 0, float.NaN }.Concat(new float[300]).ToArray()), "NaN");
-            // Two channels of 0.5 and -0.25 at 8 kHz, as a streaming tool writes them: one of 0.125 at 16 kHz.
+            // Two channels of 0.5 and -0.25 at 8 kHz, in the extensible layout and without a length, as tools
+            // write more channels and streams: one of 0.125 at 16 kHz.
             string wav = Path.GetTempFileName();
             using (var w = new BinaryWriter(File.Create(wav)))
             {
-                w.Write(Encoding.ASCII.GetBytes("RIFF\0\0\0\0WAVEfmt \x10\0\0\0\x01\0\x02\0"));
-                w.Write(8000); w.Write(32000); w.Write((short)4); w.Write((short)16); w.Write(Encoding.ASCII.GetBytes("data")); w.Write(-1);
+                w.Write(Encoding.ASCII.GetBytes("RIFF\0\0\0\0WAVEfmt ")); w.Write(40); w.Write((ushort)0xFFFE); w.Write((short)2);
+                w.Write(8000); w.Write(32000); w.Write((short)4); w.Write((short)16); w.Write((short)22); w.Write((short)16);
+                w.Write(3); w.Write((short)1); w.Write(new byte[14]); w.Write(Encoding.ASCII.GetBytes("data")); w.Write(-1);
                 for (int i = 0; i < 8000; i++) { w.Write((short)16384); w.Write((short)-8192); }
             }
             float[] read = WaveFile.Read(wav);
             That(read.Length == 16000 && Math.Abs(read[8000] - 0.125f) < 1e-3, "mixed and resampled: " + read.Length + ", " + read[8000]);
             Equal(model.Transcribe(read), model.TranscribeFile(wav), "from the file");
             Throws<InvalidDataException>(() => WaveFile.Read(typeof(Tests).Assembly.Location), "not a WAV file");
+            File.WriteAllBytes(wav, Encoding.ASCII.GetBytes("RIFF\0\0\0\0WAVEfmt \x0e\0\0\0" + new string('\0', 14)));
+            Throws<InvalidDataException>(() => WaveFile.Read(wav), "a damaged format chunk");
             File.Delete(wav);
             model.Settings.Set("max_new_tokens", 400L);  // the random model never ends on its own
             var silence = new float[16000];

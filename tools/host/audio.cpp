@@ -55,8 +55,13 @@ bool ReadSpeech(const std::string& path, std::vector<float>& samples, std::strin
     if (!file) {
         // libsndfile blames a missing file for any format it cannot open.
         std::error_code failure;
-        if (!std::filesystem::is_regular_file(path, failure))
+        const std::filesystem::file_status status = std::filesystem::status(path, failure);
+        if (!std::filesystem::exists(status))
             error = "no such file";
+        else if (std::filesystem::is_directory(status))
+            error = "it is a directory";
+        else if (!std::filesystem::is_regular_file(status))
+            error = sf_version_string() + std::string(" cannot decode what it holds (not audio it knows)");
         else if (FILE* readable = std::fopen(path.c_str(), "rb"))
             std::fclose(readable), error = std::string("the file exists, but ") + sf_version_string() +
                                            " cannot decode it (not audio in a format it knows, or damaged)";

@@ -58,6 +58,13 @@ std::string TextOf(const std::vector<std::string>& words) {
     return text;
 }
 
+// Standard input may hold a NUL, where the library's C string would end.
+std::string NulIn(const std::string& text, const std::string& what) {
+    const size_t at = text.find('\0');
+    if (at == std::string::npos) return "";
+    return what + " holds a NUL character at " + std::to_string(at) + ": the library would drop what follows";
+}
+
 // A TextCallback carries no context, so the running stream's is global.
 StreamStats* runningStats = nullptr;
 
@@ -76,6 +83,7 @@ int RunGenerate(const Options& options, Library& library) {
     if (prompt.empty() && options.words.empty()) prompt = "The three primary colors are";
     // Found before the model loads: the runtime would refuse it only after.
     if (prompt.empty() && !options.listSettings) return UsageError("the prompt is empty: give a text to continue");
+    if (const std::string why = NulIn(prompt, "the prompt"); !why.empty()) return UsageError(why);
 
     const LlmModel model = Load(api, options);
     if (model.get() == nullptr || !ApplyLlmOptions(api, model.get(), options)) return kFailed;
@@ -102,12 +110,14 @@ int RunGenerate(const Options& options, Library& library) {
 int RunTokenize(const Options& options, Library& library) {
     const LlmApiBase& api = library.llm();
     if (options.words.empty()) return UsageError("tokenize needs a text");
+    const std::string text = TextOf(options.words);
+    if (const std::string why = NulIn(text, "the text"); !why.empty()) return UsageError(why);
     const LlmModel model = Load(api, options);
     if (model.get() == nullptr) return kFailed;
 
     int64_t* ids = nullptr;
     size_t count = 0;
-    if (api.Tokenize(model.get(), TextOf(options.words).c_str(), &ids, &count) != 0) return Fail("cannot tokenize");
+    if (api.Tokenize(model.get(), text.c_str(), &ids, &count) != 0) return Fail("cannot tokenize");
     for (size_t i = 0; i < count; ++i) std::printf(i ? " %lld" : "%lld", static_cast<long long>(ids[i]));
     std::printf("\n");
     api.FreeTokens(ids);

@@ -199,6 +199,10 @@ bool CheckOptions(const Options& options, std::string& error) {
         error = "--context takes a number of tokens from 1 to 2147483647, not " + std::to_string(options.context);
         return false;
     }
+    if (std::find(options.stopStrings.begin(), options.stopStrings.end(), "") != options.stopStrings.end()) {
+        error = "--stop takes a text that is not empty: an empty one would end every generation at once";
+        return false;
+    }
     return options.command == kTranscribe ? CheckSettings(velmora::whisper::kSettings, "Whisper", options, error)
                                           : CheckSettings(velmora::llm::kSettings, "LLM", options, error);
 }

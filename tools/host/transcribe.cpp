@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "audio.h"
+#include "core/value_text.h"
 #include "commands.h"
 #include "interrupt.h"
 #include "progress.h"
@@ -26,7 +27,13 @@ bool EndsInTheRuntime(const Options& options) {
         if (name == "return_timestamps") timestamps = value;
         if (name == "max_new_tokens") limit = value;
     }
-    return strcasecmp(timestamps.c_str(), "true") != 0 || (limit != "0" && limit != "1");
+    if (strcasecmp(timestamps.c_str(), "true") != 0 || limit.empty()) return true;
+    try {  // read as the library reads it: " 01" and "+1x" are 1
+        const int32_t tokens = velmora::ParseInteger(limit, velmora::IntegerParse::Stoi);
+        return tokens != 0 && tokens != 1;
+    } catch (const std::exception&) {
+        return true;  // refused when set
+    }
 }
 
 // Each file read before the model loads, so that a bad one costs nothing; false (reported) at the first.

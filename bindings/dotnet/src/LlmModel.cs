@@ -63,6 +63,9 @@ namespace Velmora
 
         void CheckSetting(string name, string value)
         {
+            // The library refuses any other criterion without a word.
+            if (name == "stop_criteria" && value != "EARLY" && value != "HEURISTIC" && value != "NEVER")
+                throw new ArgumentException("stop_criteria takes EARLY, HEURISTIC or NEVER, not \"" + value + "\"", nameof(value));
             long eos;
             if (name != "eos_token_id" || !long.TryParse(value, out eos) || eos == -1) return;
             if (Array.IndexOf(StopTokens(), eos) < 0)
@@ -114,7 +117,10 @@ namespace Velmora
         /// <summary>Replaces the stop strings; an empty sequence removes them all.</summary>
         public void SetStopStrings(IEnumerable<string> strings)
         {
-            IntPtr[] copies = Text.Allocate(ModelCore.ToArray(strings, nameof(strings)), nameof(strings));
+            string[] given = ModelCore.ToArray(strings, nameof(strings));
+            int empty = Array.IndexOf(given, "");
+            if (empty >= 0) throw new ArgumentException("strings[" + empty + "] is empty: it would end every generation at once", nameof(strings));
+            IntPtr[] copies = Text.Allocate(given, nameof(strings));
             try
             {
                 using (ModelCore.Scope s = core.Use())

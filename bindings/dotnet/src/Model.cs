@@ -95,6 +95,7 @@ namespace Velmora
         internal static byte[] ModelPath(string modelDir)
         {
             byte[] path = Text.Encode(modelDir, nameof(modelDir));
+            if (modelDir.Length == 0) throw new ArgumentException("modelDir is empty: give the model's directory", nameof(modelDir));
             if (!System.IO.Directory.Exists(modelDir))
                 throw new System.IO.DirectoryNotFoundException("cannot load model: '" + System.IO.Path.GetFullPath(modelDir) + "' "
                     + (System.IO.File.Exists(modelDir) ? "is not a directory" : "does not exist"));

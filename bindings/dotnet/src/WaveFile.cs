@@ -36,16 +36,7 @@ namespace Velmora
             {
                 string id = Chunk(reader);
                 int size = reader.ReadInt32();
-                if (id == "fmt ")
-                {
-                    format = reader.ReadInt16();
-                    channels = reader.ReadInt16();
-                    rate = reader.ReadInt32();
-                    reader.ReadBytes(6);
-                    bits = reader.ReadInt16();
-                    reader.ReadBytes(size - 16);
-                }
-                else if (id == "data")
+                if (id == "data")
                 {
                     bool pcm16 = format == 1 && bits == 16, float32 = format == 3 && bits == 32;
                     if (rate < 1 || channels < 1 || !(pcm16 || float32))
@@ -61,7 +52,21 @@ namespace Velmora
                     }
                     return Resample(samples, rate, SampleRate);
                 }
-                else reader.ReadBytes(size + (size & 1));
+                if (size < 0 || (id == "fmt " && size < 16))
+                    throw new InvalidDataException("a damaged WAV file: its \"" + id + "\" chunk claims " + size + " bytes");
+                if (id != "fmt ")
+                {
+                    reader.BaseStream.Seek(size + (size & 1), SeekOrigin.Current);
+                    continue;
+                }
+                byte[] fmt = reader.ReadBytes(size + (size & 1));
+                if (fmt.Length < size) throw new EndOfStreamException();
+                format = BitConverter.ToUInt16(fmt, 0);
+                channels = BitConverter.ToInt16(fmt, 2);
+                rate = BitConverter.ToInt32(fmt, 4);
+                bits = BitConverter.ToInt16(fmt, 14);
+                // The extensible layout (more than two channels, say) names its sample format in a sub-format.
+                if (format == 0xFFFE && size >= 26) format = BitConverter.ToUInt16(fmt, 24);
             }
         }
 

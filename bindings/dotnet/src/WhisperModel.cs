@@ -2,8 +2,10 @@
 using System;
 using System.Collections.Generic;
 using System.Collections.ObjectModel;
+using System.Globalization;
 using System.Runtime.ExceptionServices;
 using System.Runtime.InteropServices;
+using System.Text.RegularExpressions;
 using System.Threading;
 using System.Threading.Tasks;
 
@@ -75,10 +77,19 @@ namespace Velmora
                 throw new ArgumentException("language takes a token of the language map such as \"<|en|>\", not \"" + value + "\"", nameof(value));
             // With fewer than two new tokens the runtime decodes the window again and again without reporting
             // text: the transcription would never end, and no cancel reaches it.
-            bool few = name == "max_new_tokens" && (value == "0" || value == "1");
+            bool few = name == "max_new_tokens" && ZeroOrOne(value);
             bool timestamps = name == "return_timestamps" && value.Equals("true", StringComparison.OrdinalIgnoreCase);
-            if ((few && Settings["return_timestamps"] == "true") || (timestamps && (Settings["max_new_tokens"] == "0" || Settings["max_new_tokens"] == "1")))
+            if ((few && Settings["return_timestamps"] == "true") || (timestamps && ZeroOrOne(Settings["max_new_tokens"])))
                 throw new ArgumentException("return_timestamps=true needs max_new_tokens of 2 or more: with fewer the runtime never ends the transcription", nameof(value));
+        }
+
+        // The library reads a size as strtol does: " 01" and "+1x" are 1.
+        static bool ZeroOrOne(string size)
+        {
+            Match number = Regex.Match(size, @"^\s*[-+]?[0-9]+");
+            long value;
+            return number.Success && long.TryParse(number.Value, NumberStyles.AllowLeadingWhite | NumberStyles.AllowLeadingSign,
+                                                   CultureInfo.InvariantCulture, out value) && (value == 0 || value == 1);
         }
 
         /// <summary>Asks a running transcription to stop. Any thread; never blocks; does nothing on a
