@@ -81,7 +81,7 @@ def test_raw_event_stream(server):
 def test_transcription(client, tmp_path):
     subprocess.run(["espeak-ng", "-w", tmp_path / "fox.wav", "The quick brown fox jumps over the lazy dog."],
                    check=True)
-    subprocess.run(["sox", tmp_path / "fox.wav", "-r", "44100", "-c", "2", tmp_path / "fox.flac"], check=True)
+    subprocess.run(["sox", "-R", tmp_path / "fox.wav", "-r", "44100", "-c", "2", tmp_path / "fox.flac"], check=True)
     with open(tmp_path / "fox.flac", "rb") as audio:
         text = client.audio.transcriptions.create(model="speech", file=audio, language="en").text
     assert {"fox", "lazy", "dog"} <= set(text.lower().replace(".", "").split())

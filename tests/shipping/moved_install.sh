@@ -41,7 +41,7 @@ mv "$work/stage" "$prefix"
 mkdir "$work/models"
 cp -r "$models/tiny-llm" "$models/whisper-base" "$work/models/"
 espeak-ng -w "$work/speech.wav" "The quick brown fox jumps over the lazy dog."
-sox "$work/speech.wav" -r 16000 -c 1 -b 16 "$work/speech16.wav"
+sox -R "$work/speech.wav" -r 16000 -c 1 -b 16 "$work/speech16.wav"
 # A minute of speech, two of the model's windows: long enough for Ctrl-C to land mid-way.
 sox "$work/speech16.wav" "$work/long.wav" repeat 19
 
