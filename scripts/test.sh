@@ -3,7 +3,7 @@
 # Then, unless VELMORA_SKIP_RELIABILITY=1, the reliability runs CI needs: the
 # library's tests under ASan+UBSan, the cancel and concurrency tests under
 # TSan, two leak cycles under LeakSanitizer (a leak shows in one), 20 s of
-# each fuzz target and two minutes of the soak (scripts/soak.sh): about 13
+# each fuzz target and two minutes of the soak (scripts/soak.sh): about 15
 # minutes on two cores, mostly the suite and the soak.
 set -euo pipefail
 cd "$(dirname "$0")/.."
