@@ -257,18 +257,13 @@ class Model:
     def close(self) -> None:
         """Ends any stream, destroys the handle; buffers already copied out
         stay valid. Safe to call twice."""
-        for stream in list(self._streams):
-            stream.close()
-        with self._lock:
-            if self._handle is not None:
-                handle, self._handle = self._handle, None
-                self._api.DestroyModel(handle)
+        self._end(stop_run=False)
 
-    def _end(self) -> None:
-        """close(), stopping a run on another thread instead of waiting for it."""
+    def _end(self, stop_run: bool) -> None:
+        """close(); with `stop_run`, a run on another thread is cancelled instead of waited for."""
         for stream in list(self._streams):
             stream.close()
-        while not self._lock.acquire(timeout=0.05):
+        while not self._lock.acquire(timeout=0.05 if stop_run else -1):
             self.cancel()  # repeated: one that lands before the run starts is forgotten
         try:
             if self._handle is not None:
@@ -335,4 +330,4 @@ _live: weakref.WeakSet[Model] = weakref.WeakSet()
 @atexit.register
 def _end_all() -> None:
     for model in list(_live):
-        model._end()
+        model._end(stop_run=True)

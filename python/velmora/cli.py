@@ -66,33 +66,37 @@ def chat(argv: list[str]) -> int:
     interactive = sys.stdin.isatty()
     if interactive:
         import readline  # noqa: F401  (line editing and recall for input())
-    failed = 0
     with LlmModel(args.model, args.device, args.context, library=args.library) as model:
         for name, value in args.set:
             model.config[name] = value
-        history = list(start)
-        while True:
-            try:
-                line = input("> " if interactive else "").strip()
-            except (EOFError, KeyboardInterrupt):
-                break
-            if line == "/reset":
-                history = list(start)
-                print("(the conversation starts anew)", file=sys.stderr)
-            elif line:
-                history.append({"role": "user", "content": line})
-                try:
-                    # The oldest exchanges go first; the system message and this turn stay.
-                    while len(history) > len(start) + 1 and len(model.tokenize(model.chat_prompt(history))) > args.keep:
-                        del history[len(start):len(start) + 2]
-                    history.append({"role": "assistant", "content": _answer(model, history)})
-                except (VelmoraError, ValueError) as refused:  # this turn only: the conversation goes on
-                    print(f"velmora chat: {refused}", file=sys.stderr)
-                    history.pop()
-                    failed += 1
+        failed = _converse(model, start, args.keep, interactive)
     if interactive:
         print()
     return 1 if failed else 0
+
+
+def _converse(model: LlmModel, start: list[dict[str, str]], keep: int, interactive: bool) -> int:
+    """Answers each line read until the input ends; returns how many turns failed."""
+    history, failed = list(start), 0
+    while True:
+        try:
+            line = input("> " if interactive else "").strip()
+        except (EOFError, KeyboardInterrupt):
+            return failed
+        if line == "/reset":
+            history = list(start)
+            print("(the conversation starts anew)", file=sys.stderr)
+        elif line:
+            history.append({"role": "user", "content": line})
+            try:
+                # The oldest exchanges go first; the system message and this turn stay.
+                while len(history) > len(start) + 1 and len(model.tokenize(model.chat_prompt(history))) > keep:
+                    del history[len(start):len(start) + 2]
+                history.append({"role": "assistant", "content": _answer(model, history)})
+            except (VelmoraError, ValueError) as refused:  # this turn only: the conversation goes on
+                print(f"velmora chat: {refused}", file=sys.stderr)
+                history.pop()
+                failed += 1
 
 
 def _answer(model: LlmModel, history: Messages) -> str:

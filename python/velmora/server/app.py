@@ -281,21 +281,24 @@ def create_app(options: Options, on_load_failure: Callable[[], None] = lambda: N
         return pools[name]
 
     async def acquire(pool: Pool[Slot], name: str, watch: _DisconnectWatch) -> Slot:
-        """A free handle, waited for only while the client is still there."""
+        """A free handle, waited for only while the client is still there;
+        the watch ends with a failure."""
         waiting = asyncio.ensure_future(pool.acquire())
         try:
             await asyncio.wait({waiting, watch.task}, return_when=asyncio.FIRST_COMPLETED)
-        finally:
-            if not waiting.done():  # the client left while queued: its place goes to the next
+            if not waiting.done():
+                raise ApiError(499, "the client closed the request while it waited", code="client_closed")
+            try:
+                return waiting.result()
+            except Busy:
+                raise _busy(f"the model '{name}'") from None
+        except BaseException:
+            watch.stop()
+            if not waiting.done():  # its place in the queue goes to the next
                 waiting.cancel()
                 with suppress(asyncio.CancelledError):
                     pool.release(await waiting)  # it got a handle just as it was given up
-        if waiting.cancelled():
-            raise ApiError(499, "the client closed the request while it waited", code="client_closed")
-        try:
-            return waiting.result()
-        except Busy:
-            raise _busy(f"the model '{name}'") from None
+            raise
 
     def start(slot: LlmSlot, body: Sampling, prompt: Callable[[LlmModel], str]) -> _Run:
         model = slot.model
@@ -352,11 +355,7 @@ def create_app(options: Options, on_load_failure: Callable[[], None] = lambda: N
                        prompt: Callable[[LlmModel], str]) -> Response:
         pool = pool_of(llm_pools, body.model, "LLM")
         watch = _DisconnectWatch(request)
-        try:
-            slot = await acquire(pool, body.model, watch)
-        except BaseException:
-            watch.stop()
-            raise
+        slot = await acquire(pool, body.model, watch)
         begun = time.perf_counter()
         watch.on_gone = slot.model.cancel
         timer = _Timer(options.timeout, slot.model.cancel)
@@ -465,11 +464,7 @@ def create_app(options: Options, on_load_failure: Callable[[], None] = lambda: N
         pool = pool_of(whisper_pools, model, "Whisper")
         samples = await to_thread.run_sync(_decode, await file.read(), file.filename or "")
         watch = _DisconnectWatch(request)
-        try:
-            slot = await acquire(pool, model, watch)
-        except BaseException:
-            watch.stop()
-            raise
+        slot = await acquire(pool, model, watch)
         # A reset language replaces the slot's model: cancel whichever it holds then.
         watch.on_gone = lambda: slot.model.cancel()
         timer = _Timer(options.timeout, lambda: slot.model.cancel())
