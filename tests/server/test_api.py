@@ -139,6 +139,9 @@ def test_bad_input_gets_the_error_object(client, server, tmp_path):
     for body, status in ((b"{not json", 400), (b"x" * (2 * 2**20), 413)):
         answer = httpx.post(server + "/v1/chat/completions", content=body, headers=auth, timeout=30)
         assert answer.status_code == status and set(answer.json()["error"]) == {"message", "type", "param", "code"}
+    form = {**auth, "Content-Type": "application/x-www-form-urlencoded"}  # what curl -d sends
+    answer = httpx.post(server + "/v1/completions", content=json.dumps({"model": "tiny-llm", "prompt": "Hi"}), headers=form)
+    assert "Content-Type: application/json" in answer.json()["error"]["message"]
     # Still serving, and every refusal counted.
     assert client.chat.completions.create(model="tiny-llm", messages=CHAT, max_tokens=2).choices[0].message.content
     metrics = httpx.get(server + "/metrics", headers=auth).text

@@ -239,6 +239,8 @@ def create_app(options: Options, on_load_failure: Callable[[], None] = lambda: N
         where = [str(part) for part in first.get("loc", ()) if part != "body"]
         if first.get("type") == "json_invalid":
             return ApiError(400, f"the body is not valid JSON: {first.get('ctx', {}).get('error', '')}").response()
+        if not where and "json" not in request.headers.get("content-type", ""):  # the framework did not read it
+            return ApiError(400, "the body must be a JSON object sent with 'Content-Type: application/json'").response()
         param = ".".join(where) or None
         message = first["msg"].removeprefix("Value error, ")  # the validator's own sentence
         return ApiError(400, f"{param or 'body'}: {message}", param=param, code="invalid_value").response()
