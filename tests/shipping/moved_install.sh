@@ -76,6 +76,13 @@ while kill -INT "$pid" 2>/dev/null; do sleep 0.2; done
 wait "$pid" || fail "the interrupted transcriber failed"
 cut=$(<"$work/cut.txt")
 [[ -n $cut && ${#cut} -lt ${#full} && ${cut:0:20} == "${full:0:20}" ]] || fail "interrupted, the C transcriber printed '$cut' of '$full'"
+# One Ctrl-C while the model loads stops it too (it was once held back and then lost).
+"$work/transcribe/velmora-transcribe" "$work/models/whisper-base" "$work/long.wav" en "$library" >"$work/cut.txt" 2>/dev/null &
+pid=$!
+sleep 0.3
+kill -INT "$pid"
+status=0 && wait "$pid" || status=$?
+[[ $status == 130 || $(wc -c <"$work/cut.txt") -lt ${#full} ]] || fail "one early Ctrl-C left the transcriber running"
 text=$("$prefix/bin/velmora-host" generate --stats --model "$work/models/tiny-llm" "Once upon a time")
 [[ ${#text} -ge 10 ]] || fail "velmora-host generated '$text'"
 text=$("$prefix/bin/velmora-host" transcribe --model "$work/models/whisper-base" "$work/speech.wav")
