@@ -15,6 +15,7 @@ from collections.abc import Callable
 from . import DEFAULT_CONTEXT_LENGTH, DEFAULT_DEVICE, LlmModel, VelmoraError, WhisperModel
 from .config import FLAG, LLM_SETTINGS, WHISPER_SETTINGS, Kind, Value
 from .llm import Messages
+from .whisper import language_token
 
 _USAGE = "usage: velmora {chat,transcribe,serve} [OPTIONS]  (velmora COMMAND --help for more)"
 
@@ -130,7 +131,7 @@ def transcribe(argv: list[str]) -> int:
         for name, value in args.set:
             model.config[name] = value
         if args.language:
-            model.config["language"] = args.language if args.language.startswith("<|") else f"<|{args.language}|>"
+            model.config["language"] = language_token(args.language)
         if args.translate:
             model.config["task"] = "translate"
         for path in args.audio:

@@ -49,6 +49,11 @@ def _samples(audio: npt.ArrayLike) -> Samples:
     return samples
 
 
+def language_token(language: str) -> str:
+    """The language map's key for a language given as "en" or "<|en|>"."""
+    return language if language.startswith("<|") else f"<|{language}|>"
+
+
 def read_audio(path: str | os.PathLike[str]) -> Samples:
     """The samples of an audio file in any format libsndfile reads, mixed
     down to mono and resampled to 16 kHz, as transcribe() takes them.

@@ -32,7 +32,7 @@ from starlette.types import ASGIApp, Message, Receive, Scope, Send
 from .. import DEFAULT_DEVICE, LlmModel, TextStream, VelmoraError, WhisperModel, read_audio
 from ..config import Value
 from ..errors import PropertyError, summary
-from ..whisper import Samples
+from ..whisper import Samples, language_token
 from .metrics import Metrics
 from .pool import Busy, LlmSlot, Pool, Slot
 from .schemas import ChatRequest, CompletionRequest, Sampling
@@ -326,6 +326,7 @@ def create_app(options: Options, on_load_failure: Callable[[], None] = lambda: N
                            param="max_tokens" if asked is not None and room >= 1 else given,
                            code="context_length_exceeded")
         settings: dict[str, Value] = {"max_new_tokens": limit}
+        stops = body.stops()
         if body.temperature is not None:
             settings["do_sample"] = body.temperature != 0
             if body.temperature != 0:
@@ -336,7 +337,7 @@ def create_app(options: Options, on_load_failure: Callable[[], None] = lambda: N
             if value is not None:
                 settings[name] = value
         try:
-            slot.apply(settings, body.stops())
+            slot.apply(settings, stops)
         except PropertyError as refused:
             named = re.match(r"An error occurred setting property (\w+)", refused.message)
             raise ApiError(400, summary(refused.message), param=_PARAMS.get(named[1]) if named else None,
@@ -344,7 +345,7 @@ def create_app(options: Options, on_load_failure: Callable[[], None] = lambda: N
         except (TypeError, ValueError) as refused:
             name = str(refused).split()[0]
             raise ApiError(400, str(refused), param=_PARAMS.get(name, "stop"), code="invalid_value") from None
-        run = _Run(slot, model.stream(text), prompt_tokens, limit, _StopCut(body.stops()))
+        run = _Run(slot, model.stream(text), prompt_tokens, limit, _StopCut(stops))
         try:
             run.first = run.next()
         except VelmoraError as error:
@@ -563,7 +564,7 @@ class _WhisperSlot:
         self._language: str | None = None
 
     def transcribe(self, samples: Samples, language: str | None, task: Task) -> str:
-        token = None if not language else language if language.startswith("<|") else f"<|{language}|>"
+        token = language_token(language) if language else None
         if token is not None and token not in self._languages:
             raise ApiError(400, f"language '{language}' is not one this model knows (ISO 639-1 codes such as 'en')",
                            param="language", code="invalid_value")
